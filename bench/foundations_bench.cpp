@@ -1,0 +1,23 @@
+#include <carrow/concurrency/unfair_lock.h>
+
+#include <benchmark/benchmark.h>
+
+#include <mutex>
+
+namespace {
+
+template <class Lock>
+void BM_LockUnlockUncontended(benchmark::State& state) {
+  Lock lock;
+  for (auto _ : state) {
+    lock.lock();
+    benchmark::ClobberMemory();
+    lock.unlock();
+  }
+}
+BENCHMARK(BM_LockUnlockUncontended<carrow::CRUnfairLock>);
+BENCHMARK(BM_LockUnlockUncontended<std::mutex>);
+
+}  // namespace
+
+BENCHMARK_MAIN();

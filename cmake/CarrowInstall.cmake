@@ -1,0 +1,32 @@
+# Installs the library, its headers, an exported CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(CARROW_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/CarrowPrivate)
+
+install(TARGETS CarrowPrivate EXPORT CarrowPrivateTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT CarrowPrivateTargets
+  NAMESPACE CarrowPrivate::
+  DESTINATION ${CARROW_CMAKE_DIR})
+
+configure_package_config_file(cmake/CarrowPrivateConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/CarrowPrivateConfig.cmake
+  INSTALL_DESTINATION ${CARROW_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/CarrowPrivateConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/CarrowPrivateConfig.cmake
+  ${PROJECT_BINARY_DIR}/CarrowPrivateConfigVersion.cmake
+  DESTINATION ${CARROW_CMAKE_DIR})
+
+if(BUILD_SHARED_LIBS)
+  set(CARROW_PC_PRIVATE_LIBS "")
+else()
+  set(CARROW_PC_PRIVATE_LIBS "-lmount")
+endif()
+configure_file(cmake/CarrowPrivate.pc.in ${PROJECT_BINARY_DIR}/CarrowPrivate.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/CarrowPrivate.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
