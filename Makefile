@@ -47,10 +47,10 @@ bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
 format:
-	git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format -i
+	git ls-files '*.h' '*.cpp' '*.c' | xargs -r clang-format -i
 
 check-format:
-	git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run --Werror
+	git ls-files '*.h' '*.cpp' '*.c' | xargs -r clang-format --dry-run --Werror
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -1,8 +1,8 @@
-#include <carrow/concurrency/unfair_lock.h>
+#include <mutex>
 
 #include <benchmark/benchmark.h>
 
-#include <mutex>
+#include <carrow/concurrency/unfair_lock.h>
 
 namespace {
 

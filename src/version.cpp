@@ -4,7 +4,5 @@ extern "C" {
 
 const double CarrowPrivateVersionNumber = 1.0;
 
-const unsigned char CarrowPrivateVersionString[] =
-    "@(#)PROGRAM:CarrowPrivate  PROJECT:carrowd-1\n";
-
+const unsigned char CarrowPrivateVersionString[] = "@(#)PROGRAM:CarrowPrivate  PROJECT:carrowd-1\n";
 }

@@ -1,8 +1,8 @@
+#include <limits>
+
 #include <carrow/concurrency/atomic.h>
 #include <carrow/logging/log.h>
 #include <carrow/platform/fatal_error.h>
-
-#include <limits>
 
 #include "log_limiter.h"
 
@@ -17,7 +17,9 @@ Atomic<std::shared_ptr<CRLogger>>& installedLogger() {
 
 }  // namespace
 
-std::shared_ptr<CRLogger> CRLog::logger() { return installedLogger().wrappedValue(); }
+std::shared_ptr<CRLogger> CRLog::logger() {
+  return installedLogger().wrappedValue();
+}
 
 void CRLog::setLogger(std::shared_ptr<CRLogger> logger) {
   installedLogger().setWrappedValue(std::move(logger));

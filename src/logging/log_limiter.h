@@ -1,13 +1,13 @@
 #pragma once
 
+#include <cstdint>
+#include <unordered_map>
+#include <unordered_set>
+
 #include <carrow/concurrency/unfair_lock.h>
 #include <carrow/logging/any_hashable.h>
 #include <carrow/logging/log_limit.h>
 #include <carrow/logging/logger.h>
-
-#include <cstdint>
-#include <unordered_map>
-#include <unordered_set>
 
 namespace carrow::detail {
 

@@ -1,9 +1,9 @@
-#include <carrow/logging/logger.h>
-#include <carrow/platform/fatal_error.h>
-
 #include <cstdio>
 #include <cstring>
 #include <string>
+
+#include <carrow/logging/logger.h>
+#include <carrow/platform/fatal_error.h>
 
 namespace carrow {
 

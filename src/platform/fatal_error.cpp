@@ -1,8 +1,8 @@
-#include <carrow/platform/fatal_error.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include <carrow/platform/fatal_error.h>
 
 namespace carrow {
 

@@ -1,10 +1,9 @@
-#include <carrow/platform/unfair_lock.h>
-
+#include <climits>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <climits>
+#include <carrow/platform/unfair_lock.h>
 
 namespace carrow::platform::detail {
 namespace {

@@ -1,6 +1,6 @@
-#include <carrow/shared/item_type.h>
-
 #include <array>
+
+#include <carrow/shared/item_type.h>
 
 namespace carrow {
 namespace {
@@ -13,6 +13,8 @@ std::optional<ItemType> itemType(std::int64_t raw) noexcept {
   return static_cast<ItemType>(raw);
 }
 
-std::string_view name(ItemType type) noexcept { return kNames.at(rawValue(type)); }
+std::string_view name(ItemType type) noexcept {
+  return kNames.at(rawValue(type));
+}
 
 }  // namespace carrow

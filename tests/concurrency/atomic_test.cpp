@@ -1,12 +1,12 @@
-#include <carrow/concurrency/atomic.h>
-
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include <carrow/concurrency/atomic.h>
 
 namespace carrow {
 namespace {
@@ -91,7 +91,10 @@ struct Counted {
 
 TEST(AtomicBox, DestroysTheStoredValueExactlyOnce) {
   Counted::destroyed = 0;
-  { AtomicBox<Counted> box(Counted(3)); Counted::destroyed = 0; }
+  {
+    AtomicBox<Counted> box(Counted(3));
+    Counted::destroyed = 0;
+  }
   EXPECT_EQ(Counted::destroyed, 1);
 }
 

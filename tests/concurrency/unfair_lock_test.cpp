@@ -1,11 +1,11 @@
-#include <carrow/concurrency/unfair_lock.h>
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <carrow/concurrency/unfair_lock.h>
 
 namespace carrow {
 namespace {

@@ -1,9 +1,9 @@
-#include <carrow/platform/unfair_lock.h>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <vector>
+#include <carrow/platform/unfair_lock.h>
 
 namespace carrow::platform {
 namespace {

@@ -1,8 +1,8 @@
-#include <carrow/version.h>
-
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+
+#include <carrow/version.h>
 
 namespace {
 

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <carrow/concurrency/unfair_lock.h>
-#include <carrow/platform/fatal_error.h>
-
 #include <concepts>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <type_traits>
 #include <utility>
+
+#include <carrow/concurrency/unfair_lock.h>
+#include <carrow/platform/fatal_error.h>
 
 namespace carrow {
 
@@ -15,16 +15,15 @@ namespace carrow {
 ///
 /// `Atomic` is a value type: copying it copies the value (read under the source's lock) and shares
 /// the lock, while every `Atomic` built from a value gets a lock of its own. Each read, write and
-/// `increment` takes the lock exactly once and so is indivisible; `modify` takes it twice (read, then
-/// write back) and two concurrent modifies can lose an update. Code that needs an indivisible
+/// `increment` takes the lock exactly once and so is indivisible; `modify` takes it twice (read,
+/// then write back) and two concurrent modifies can lose an update. Code that needs an indivisible
 /// read-change-write keeps its own `CRUnfairLock` and uses `withLock`.
 template <class T>
 class Atomic {
  public:
-  explicit Atomic(T wrappedValue) : lock_(std::make_shared<CRUnfairLock>()), value_(std::move(wrappedValue)) {}
-  Atomic()
-    requires std::default_initializable<T>
-      : Atomic(T{}) {}
+  explicit Atomic(T wrappedValue)
+      : lock_(std::make_shared<CRUnfairLock>()), value_(std::move(wrappedValue)) {}
+  Atomic() requires std::default_initializable<T> : Atomic(T{}) {}
 
   Atomic(const Atomic& other) : lock_(other.lock_), value_(other.wrappedValue()) {}
   Atomic& operator=(const Atomic& other) {
@@ -51,7 +50,7 @@ class Atomic {
   /// Hands a copy of the value to `change` (unlocked) and writes the copy back under the lock,
   /// also when `change` throws. Not indivisible: see the class comment.
   template <class Change>
-    requires std::invocable<Change&, T&>
+  requires std::invocable<Change&, T&>
   void modify(Change&& change) {
     T copy = wrappedValue();
     try {
@@ -64,9 +63,7 @@ class Atomic {
   }
 
   /// Adds `by` to the stored integer under the lock. Overflow stops the process.
-  void increment(T by)
-    requires std::integral<T> && (!std::same_as<T, bool>)
-  {
+  void increment(T by) requires std::integral<T> &&(!std::same_as<T, bool>) {
     std::lock_guard guard(*lock_);
     value_ = checkedAdd(value_, by, "CarrowPrivate/Locks", __LINE__);
   }

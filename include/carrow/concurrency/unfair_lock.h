@@ -1,10 +1,10 @@
 #pragma once
 
-#include <carrow/platform/unfair_lock.h>
-
 #include <memory>
 #include <type_traits>
 #include <utility>
+
+#include <carrow/platform/unfair_lock.h>
 
 namespace carrow {
 

@@ -22,7 +22,9 @@ concept Hashable = std::equality_comparable<T> && requires(const T& value) {
 
 /// A type whose values can be written to a `std::ostream`.
 template <class T>
-concept Printable = requires(std::ostream& out, const T& value) { out << value; };
+concept Printable = requires(std::ostream& out, const T& value) {
+  out << value;
+};
 
 namespace detail {
 
@@ -66,9 +68,9 @@ std::size_t hashOf(const T& value) noexcept {
 }
 
 /// Text of any string-like type (`std::string`, `std::string_view`, literals) is one key type, so
-/// that a record keyed by a literal and one keyed by an equal `std::string` share their count. It is
-/// identified as `std::string_view`. `Holder` is `std::string` when owned, `std::string_view` when
-/// borrowed.
+/// that a record keyed by a literal and one keyed by an equal `std::string` share their count. It
+/// is identified as `std::string_view`. `Holder` is `std::string` when owned, `std::string_view`
+/// when borrowed.
 template <class Holder>
 class TextValue final : public HashableValue {
  public:
@@ -134,14 +136,14 @@ auto borrow(const K& key) {
 }  // namespace detail
 
 /// A type-erased hashable value: any `Hashable` type, compared by its own equality, hashed by its
-/// own hash, printable for diagnostics (through `operator<<` when the type has one). All string-like
-/// types erase to one text type. Copies share the immutable erased value.
+/// own hash, printable for diagnostics (through `operator<<` when the type has one). All
+/// string-like types erase to one text type. Copies share the immutable erased value.
 class AnyHashable {
  public:
   template <class T>
-    requires(!std::same_as<std::decay_t<T>, AnyHashable>)
-            && (detail::kIsText<std::decay_t<T>> || Hashable<std::decay_t<T>>)
-  explicit AnyHashable(const T& value)
+  requires(!std::same_as<std::decay_t<T>, AnyHashable>)
+      && (detail::kIsText<std::decay_t<T>> || Hashable<std::decay_t<T>>)explicit AnyHashable(
+          const T& value)
       : value_(detail::borrow(value).retain()) {}
 
   /// An owned copy of an erased value, for tables that were looked up with a borrowed one.

@@ -1,16 +1,16 @@
 #pragma once
 
-#include <carrow/logging/any_hashable.h>
-#include <carrow/logging/log_level.h>
-#include <carrow/logging/log_limit.h>
-#include <carrow/logging/logger.h>
-
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <source_location>
 #include <string_view>
 #include <type_traits>
+
+#include <carrow/logging/any_hashable.h>
+#include <carrow/logging/log_level.h>
+#include <carrow/logging/log_limit.h>
+#include <carrow/logging/logger.h>
 
 namespace carrow {
 
@@ -83,10 +83,9 @@ class CRLog {
   /// The common path with an explicit file and line. A line that does not fit in 32 bits stops
   /// the process when the record is emitted.
   template <class Key>
-    requires(!std::is_pointer_v<Key> && (detail::kIsText<Key> || Hashable<Key>))
-  static void log(Level level, Category category, std::string_view message,
-                  std::optional<LogLimit> limit, const Key& limitKey, const char* file,
-                  std::uint64_t line) {
+  requires(!std::is_pointer_v<Key> && (detail::kIsText<Key> || Hashable<Key>)) static void log(
+      Level level, Category category, std::string_view message, std::optional<LogLimit> limit,
+      const Key& limitKey, const char* file, std::uint64_t line) {
     if constexpr (std::is_same_v<Key, AnyHashable>) {
       record(level, category, message, limit, &limitKey.erased(), file, line);
     } else {

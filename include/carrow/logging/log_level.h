@@ -12,9 +12,12 @@ enum class CRLogLevel : std::uint8_t { debug = 0, info = 1, error = 2 };
 /// The level's raw value, which is also how it is printed: "Debug", "Info", "Error".
 constexpr std::string_view rawValue(CRLogLevel level) noexcept {
   switch (level) {
-    case CRLogLevel::debug: return "Debug";
-    case CRLogLevel::info: return "Info";
-    case CRLogLevel::error: return "Error";
+    case CRLogLevel::debug:
+      return "Debug";
+    case CRLogLevel::info:
+      return "Info";
+    case CRLogLevel::error:
+      return "Error";
   }
   return "Error";
 }

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <carrow/logging/log_level.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <carrow/logging/log_level.h>
 
 namespace carrow {
 

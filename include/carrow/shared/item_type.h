@@ -24,9 +24,13 @@ std::optional<ItemType> itemType(std::int64_t raw) noexcept;
 std::string_view name(ItemType type) noexcept;
 
 /// The raw value.
-constexpr std::int64_t rawValue(ItemType type) noexcept { return static_cast<std::int64_t>(type); }
+constexpr std::int64_t rawValue(ItemType type) noexcept {
+  return static_cast<std::int64_t>(type);
+}
 
-inline std::ostream& operator<<(std::ostream& out, ItemType type) { return out << name(type); }
+inline std::ostream& operator<<(std::ostream& out, ItemType type) {
+  return out << name(type);
+}
 
 /// The product's user-facing components.
 enum class UIComponent : std::uint8_t { settings, menuExtra, widget };
