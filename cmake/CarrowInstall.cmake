@@ -27,6 +27,8 @@ if(BUILD_SHARED_LIBS)
 else()
   set(CARROW_PC_PRIVATE_LIBS "-lmount")
 endif()
+# The .pc file finds its prefix relative to itself, so an installed tree can be moved.
+file(RELATIVE_PATH CARROW_PC_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
 configure_file(cmake/CarrowPrivate.pc.in ${PROJECT_BINARY_DIR}/CarrowPrivate.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/CarrowPrivate.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -34,7 +34,7 @@ void CRLog::record(Level level, Category category, std::string_view message,
   auto& limiter = detail::LogLimiter::shared();
   const std::int64_t occurrences = limiter.count(key);
   if (limit && occurrences > passingRecords(*limit)) {
-    limiter.limit(key, *limit, *logger(), __FILE__);
+    limiter.limit(key, *limit, __FILE__);
     return;
   }
 

@@ -3,6 +3,8 @@
 #include <mutex>
 #include <string>
 
+#include <carrow/logging/log.h>
+
 namespace carrow::detail {
 
 LogLimiter& LogLimiter::shared() {
@@ -21,14 +23,13 @@ std::int64_t LogLimiter::count(const HashableValue& key) {
   return ++found->second;
 }
 
-void LogLimiter::limit(const HashableValue& key, LogLimit limit, CRLogger& logger,
-                       const char* file) {
+void LogLimiter::limit(const HashableValue& key, LogLimit limit, const char* file) {
   std::lock_guard guard(lock_);
   if (alreadyLimited_.contains(key)) return;
   alreadyLimited_.insert(AnyHashable::retaining(key));
   std::string notice = "Limiting logging for limit: ";
   notice.append(rawValue(limit)).append(" key: \"").append(key.description()).append("\"");
-  logger.log(notice, CRLogLevel::info, "LogLimits", file, 136);
+  CRLog::logger()->log(notice, CRLogLevel::info, "LogLimits", file, 136);
 }
 
 }  // namespace carrow::detail

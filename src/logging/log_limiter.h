@@ -20,9 +20,9 @@ class LogLimiter {
   /// Counts one more record of `key` and returns the new count (the first record gives 1).
   std::int64_t count(const HashableValue& key);
 
-  /// Records that `key` went past `limit`. The first time for a key, hands `logger` the notice
-  /// while the lock is held, so notices never interleave with a second notice for the same key.
-  void limit(const HashableValue& key, LogLimit limit, CRLogger& logger, const char* file);
+  /// Records that `key` went past `limit`. The first time for a key, hands the installed logger
+  /// the notice while the lock is held, so that no second notice for the key can overtake it.
+  void limit(const HashableValue& key, LogLimit limit, const char* file);
 
  private:
   CRUnfairLock lock_;

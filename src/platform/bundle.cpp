@@ -1,8 +1,7 @@
-#include <carrow/platform/bundle.h>
-
 #include <dlfcn.h>
-
 #include <system_error>
+
+#include <carrow/platform/bundle.h>
 
 namespace carrow::platform {
 

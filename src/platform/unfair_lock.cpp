@@ -21,9 +21,10 @@ inline void cpuRelax() noexcept {
 #endif
 }
 
-// Long enough to ride out a short critical section on another core, short enough that a waiter
-// behind a descheduled owner goes to sleep quickly.
-constexpr int kSpinLimit = 100;
+// A brief spin catches a lock that a holder on the other core is about to release. Longer spins
+// measured worse: spinning waiters pull the lock's cache line away from the holder, and on a
+// machine with few cores they take time from a holder that was descheduled.
+constexpr int kSpinLimit = 10;
 
 }  // namespace
 

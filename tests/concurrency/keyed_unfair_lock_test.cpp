@@ -1,7 +1,3 @@
-#include <carrow/concurrency/keyed_unfair_lock.h>
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <latch>
@@ -9,6 +5,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <carrow/concurrency/keyed_unfair_lock.h>
 
 namespace carrow {
 namespace {
@@ -46,8 +46,10 @@ TEST(CRKeyedUnfairLock, StoreKeepsTheValueAndClearForgetsEverything) {
 
 TEST(CRKeyedUnfairLock, DoNothingKeepsTheCachedValue) {
   Keyed keyed;
-  keyed.withLock("k", [](std::int64_t, std::optional<int>) { return Keyed::Control<void>::store(9); });
-  keyed.withLock("k", [](std::int64_t, std::optional<int>) { return Keyed::Control<void>::doNothing(); });
+  keyed.withLock("k",
+                 [](std::int64_t, std::optional<int>) { return Keyed::Control<void>::store(9); });
+  keyed.withLock(
+      "k", [](std::int64_t, std::optional<int>) { return Keyed::Control<void>::doNothing(); });
   keyed.withLock("k", [](std::int64_t, std::optional<int> cached) {
     EXPECT_EQ(cached, 9);
     return Keyed::Control<void>::doNothing();
@@ -56,7 +58,8 @@ TEST(CRKeyedUnfairLock, DoNothingKeepsTheCachedValue) {
 
 TEST(CRKeyedUnfairLock, ThrowingBodyLeavesTheKeyUsableAndTheEntryUnchanged) {
   Keyed keyed;
-  keyed.withLock("k", [](std::int64_t, std::optional<int>) { return Keyed::Control<void>::store(1); });
+  keyed.withLock("k",
+                 [](std::int64_t, std::optional<int>) { return Keyed::Control<void>::store(1); });
   EXPECT_THROW(keyed.withLock("k",
                               [](std::int64_t, std::optional<int>) -> Keyed::Control<void> {
                                 throw std::runtime_error("body failed");
@@ -131,7 +134,8 @@ TEST(CRKeyedUnfairLock, CallersOfOneKeyEnterInArrivalOrder) {
   started.wait();
   std::vector<std::thread> later;
   for (int i = 0; i < 4; ++i) {
-    later.emplace_back([&] { keyed.withLock(1, [&](std::int64_t hits) { order.push_back(hits); }); });
+    later.emplace_back(
+        [&] { keyed.withLock(1, [&](std::int64_t hits) { order.push_back(hits); }); });
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   first.join();

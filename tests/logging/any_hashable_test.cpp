@@ -1,9 +1,9 @@
-#include <carrow/logging/any_hashable.h>
+#include <string>
+#include <unordered_set>
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <unordered_set>
+#include <carrow/logging/any_hashable.h>
 
 namespace carrow {
 namespace {

@@ -1,10 +1,10 @@
-#include <carrow/logging/log.h>
-
-#include <gtest/gtest.h>
-
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <carrow/logging/log.h>
 
 #include "recording_logger.h"
 
@@ -66,7 +66,8 @@ TEST_F(LogLimitTest, CallSitesSharingALimitKeyShareOneCountAndOneNotice) {
 TEST_F(LogLimitTest, KeysOfDifferentTypesWithOnePrintedFormAreDistinct) {
   const int numeric = 7'340'001;
   for (int i = 0; i < 5; ++i) CRLog::info("Cat", "int key", LogLimit::aFewTimes, numeric);
-  for (int i = 0; i < 5; ++i) CRLog::info("Cat", "text key", LogLimit::aFewTimes, std::string("7340001"));
+  for (int i = 0; i < 5; ++i)
+    CRLog::info("Cat", "text key", LogLimit::aFewTimes, std::string("7340001"));
   EXPECT_EQ(logger->records().size(), 10u);
   CRLog::info("Cat", "int key", LogLimit::aFewTimes, numeric);
   EXPECT_EQ(logger->recordsContaining("key: \"7340001\"").size(), 1u);

@@ -1,10 +1,10 @@
-#include <carrow/logging/log.h>
-
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <limits>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include <carrow/logging/log.h>
 
 #include "recording_logger.h"
 
@@ -95,7 +95,8 @@ TEST(CRLogDeathTest, LoggingBeforeALoggerIsInstalledStopsTheProcess) {
 TEST(CRLogDeathTest, TheDefaultLoggerIsTheFatalOne) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // A fresh process (the threadsafe style re-executes the test binary) has no logger installed.
-  EXPECT_DEATH(CRLog::error(std::nullopt, "first record"), "No Logger Set Up! - Error: first record");
+  EXPECT_DEATH(CRLog::error(std::nullopt, "first record"),
+               "No Logger Set Up! - Error: first record");
 }
 
 TEST(CRLogDeathTest, ALineBeyondThirtyTwoBitsStopsTheProcess) {

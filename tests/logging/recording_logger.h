@@ -1,11 +1,11 @@
 #pragma once
 
-#include <carrow/logging/log.h>
-
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <carrow/logging/log.h>
 
 namespace carrow::testing {
 
@@ -28,7 +28,8 @@ class RecordingLogger final : public CRLogger {
            const char* file, std::uint32_t line) override {
     std::lock_guard guard(mutex_);
     records_.push_back({std::string(message), level,
-                        category ? std::optional<std::string>(*category) : std::nullopt, file, line});
+                        category ? std::optional<std::string>(*category) : std::nullopt, file,
+                        line});
   }
 
   std::vector<Record> records() const {

@@ -1,13 +1,13 @@
-#include <carrow/shared/bundles.h>
-#include <carrow/shared/item_type.h>
-
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <sstream>
 #include <thread>
 #include <unordered_set>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <carrow/shared/bundles.h>
+#include <carrow/shared/item_type.h>
 
 namespace carrow {
 namespace {

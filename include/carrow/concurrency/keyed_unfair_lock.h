@@ -1,9 +1,5 @@
 #pragma once
 
-#include <carrow/concurrency/ticket_lock.h>
-#include <carrow/concurrency/unfair_lock.h>
-#include <carrow/platform/fatal_error.h>
-
 #include <concepts>
 #include <cstdint>
 #include <functional>
@@ -15,18 +11,23 @@
 #include <utility>
 #include <variant>
 
+#include <carrow/concurrency/ticket_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
+#include <carrow/platform/fatal_error.h>
+
 namespace carrow {
 
 /// One mutual-exclusion lock per key, made on first use, with one cached value per key.
 ///
 /// Work for different keys runs in parallel; work for one key runs one at a time, in the order the
 /// callers reached the table. Callers draw their place in a key's line under the table lock and
-/// wait for their turn without it, so a busy key never holds up other keys. The body learns how often its key has been taken (the hit count,
-/// 1 on first use) and, in the second form, the value cached for the key, and its `Control`
-/// verdict keeps, replaces or drops the key's entry:
+/// wait for their turn without it, so a busy key never holds up other keys. The body learns how
+/// often its key has been taken (the hit count, 1 on first use) and, in the second form, the value
+/// cached for the key, and its `Control` verdict keeps, replaces or drops the key's entry:
 ///
 ///     CRKeyedUnfairLock<std::string, Connection> connections;
-///     auto c = connections.withLock(host, [&](std::int64_t hits, std::optional<Connection> cached) {
+///     auto c = connections.withLock(host, [&](std::int64_t hits, std::optional<Connection> cached)
+///     {
 ///       using Verdict = decltype(connections)::Control<Connection>;
 ///       if (cached) return Verdict::doNothing(*cached);
 ///       Connection fresh = connect(host);
@@ -63,11 +64,17 @@ class CRKeyedUnfairLock {
     using Result = R;
     enum class Kind : std::uint8_t { doNothing, store, clear };
 
-    static Control doNothing(Payload result) { return {Kind::doNothing, std::nullopt, std::move(result)}; }
-    static Control store(Value value, Payload result) { return {Kind::store, std::move(value), std::move(result)}; }
+    static Control doNothing(Payload result) {
+      return {Kind::doNothing, std::nullopt, std::move(result)};
+    }
+    static Control store(Value value, Payload result) {
+      return {Kind::store, std::move(value), std::move(result)};
+    }
     static Control clear(Payload result) { return {Kind::clear, std::nullopt, std::move(result)}; }
     static Control doNothing() requires std::is_void_v<R> { return doNothing(Payload{}); }
-    static Control store(Value value) requires std::is_void_v<R> { return store(std::move(value), Payload{}); }
+    static Control store(Value value) requires std::is_void_v<R> {
+      return store(std::move(value), Payload{});
+    }
     static Control clear() requires std::is_void_v<R> { return clear(Payload{}); }
 
     Kind kind() const noexcept { return kind_; }
@@ -89,7 +96,7 @@ class CRKeyedUnfairLock {
   /// Runs `body(hitCount)` during `key`'s turn and returns its result. An error thrown by the
   /// body is passed on after the key is released; the hit count already counted stays.
   template <class Body>
-    requires std::invocable<Body&, std::int64_t>
+  requires std::invocable<Body&, std::int64_t>
   decltype(auto) withLock(const Key& key, Body&& body) {
     Turn turn = take(key);
     return body(turn.hitCount);
@@ -99,7 +106,7 @@ class CRKeyedUnfairLock {
   /// `doNothing` keeps the entry, `store` replaces the cached value, `clear` removes the entry.
   /// Returns the verdict's result. If the body throws, the entry is unchanged.
   template <class Body>
-    requires std::invocable<Body&, std::int64_t, std::optional<Value>>
+  requires std::invocable<Body&, std::int64_t, std::optional<Value>>
   auto withLock(const Key& key, Body&& body) ->
       typename std::invoke_result_t<Body&, std::int64_t, std::optional<Value>>::Result {
     using Verdict = std::invoke_result_t<Body&, std::int64_t, std::optional<Value>>;
@@ -141,7 +148,8 @@ class CRKeyedUnfairLock {
       std::lock_guard table(cacheLock_);
       auto& slot = keyedLocks_[key];
       if (!slot) slot = std::make_shared<Entry>();
-      slot->hitCount_ = checkedAdd<std::int64_t>(slot->hitCount_, 1, "CarrowPrivate/Locks", __LINE__);
+      slot->hitCount_ =
+          checkedAdd<std::int64_t>(slot->hitCount_, 1, "CarrowPrivate/Locks", __LINE__);
       hits = slot->hitCount_;
       ticket = slot->innerLock_.draw();
       entry = slot;

@@ -63,8 +63,10 @@ std::string describe(const T& value) {
 
 template <class T>
 std::size_t hashOf(const T& value) noexcept {
-  // Mixing in the type keeps equal hashes of values of different types apart.
-  return std::hash<T>{}(value) ^ (typeid(T).hash_code() * 0x9e3779b97f4a7c15ULL);
+  // Mixing in the type keeps equal hashes of values of different types apart. `hash_code` hashes
+  // the type's name on every call, so it is computed once per type.
+  static const std::size_t typeSalt = typeid(T).hash_code() * 0x9e3779b97f4a7c15ULL;
+  return std::hash<T>{}(value) ^ typeSalt;
 }
 
 /// Text of any string-like type (`std::string`, `std::string_view`, literals) is one key type, so

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <carrow/platform/bundle.h>
-
 #include <memory>
+
+#include <carrow/platform/bundle.h>
 
 namespace carrow {
 

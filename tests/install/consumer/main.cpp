@@ -1,0 +1,16 @@
+// A program outside the project that uses the installed library.
+#include <carrow/concurrency/atomic.h>
+#include <carrow/logging/log.h>
+#include <carrow/version.h>
+
+#include <cstdio>
+#include <memory>
+
+int main() {
+  carrow::CRLog::setLogger(std::make_shared<carrow::CRPrintLogger>());
+  carrow::Atomic<int> counter(0);
+  counter.increment(1);
+  std::printf("CarrowPrivate %.1f %s\n", CarrowPrivateVersionNumber,
+              counter.wrappedValue() == 1 ? "ok" : "broken");
+  return 0;
+}
