@@ -1,9 +1,9 @@
-#include <carrow/version.h>
+#include <cstring>
+#include <string>
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
+#include <carrow/version.h>
 
 TEST(Version, NumberAndWhatStringIdentifyTheLibrary) {
   EXPECT_EQ(CarrowPrivateVersionNumber, 1.0);

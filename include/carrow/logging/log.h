@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <source_location>
 #include <string_view>
 #include <type_traits>
 
@@ -29,7 +28,18 @@ class CRLog {
  public:
   using Level = CRLogLevel;
   using Category = std::optional<std::string_view>;
-  using Site = std::source_location;
+  /// A record's call site. Defaulted arguments of this type capture the caller's file and line
+  /// (like `std::source_location`, which clang before 15 cannot provide).
+  struct Site {
+    const char* fileName;
+    std::uint64_t lineNumber;
+    static constexpr Site current(const char* file = __builtin_FILE(),
+                                  std::uint64_t line = __builtin_LINE()) noexcept {
+      return {file, line};
+    }
+    constexpr const char* file_name() const noexcept { return fileName; }
+    constexpr std::uint64_t line() const noexcept { return lineNumber; }
+  };
 
   /// The installed logger (a `CRFatalLogger` until a client installs one).
   static std::shared_ptr<CRLogger> logger();

@@ -1,10 +1,10 @@
 // A program outside the project that uses the installed library.
+#include <cstdio>
+#include <memory>
+
 #include <carrow/concurrency/atomic.h>
 #include <carrow/logging/log.h>
 #include <carrow/version.h>
-
-#include <cstdio>
-#include <memory>
 
 int main() {
   carrow::CRLog::setLogger(std::make_shared<carrow::CRPrintLogger>());
