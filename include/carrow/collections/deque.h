@@ -174,33 +174,37 @@ class Deque {
   /// Constructs an element at the back from `args`.
   template <class... Args>
   void emplace(Args&&... args) {
-    std::ptrdiff_t required =
-        checkedAdd(count(), std::ptrdiff_t{1}, detail::kCollectionsLabel, __LINE__);
     DequeBuffer* buffer = storage_.buffer_;
-    if (buffer == nullptr || buffer->header_.capacity < required) {
-      grow(required);
-    } else if (!buffer->isUniquelyReferenced()) {
-      makeUnique();
+    if (buffer == nullptr || buffer->header_.count >= buffer->header_.capacity
+        || !buffer->isUniquelyReferenced()) [[unlikely]] {
+      buffer = makeRoomForAppend();
     }
-    buffer = storage_.buffer_;
-    Header& header = buffer->header_;
-    Element* slot = buffer->elements() + slotFor(header.startSlot, header.count, header.capacity);
+    // The header is read before and written after the element, so that constructing an element
+    // of the header's own type does not force it to be read again.
+    const std::ptrdiff_t count = buffer->header_.count;
+    Element* slot =
+        buffer->elements() + slotFor(buffer->header_.startSlot, count, buffer->header_.capacity);
     std::construct_at(slot, std::forward<Args>(args)...);
-    ++header.count;
+    buffer->header_.count = count + 1;
   }
 
   /// Removes and returns the front element; nullopt when the deque is empty. O(1).
   std::optional<Element> popFirst() {
-    if (isEmpty()) return std::nullopt;
-    if (!storage_.buffer_->isUniquelyReferenced()) makeUnique();
     DequeBuffer* buffer = storage_.buffer_;
-    Header& header = buffer->header_;
+    if (buffer == nullptr || buffer->header_.count == 0) return std::nullopt;
+    if (!buffer->isUniquelyReferenced()) [[unlikely]] {
+      makeUnique();
+      buffer = storage_.buffer_;
+    }
+    const Header header = buffer->header_;
     Element* slot = buffer->elements() + header.startSlot;
-    std::optional<Element> element(std::move(*slot));
+    Element element(std::move(*slot));
     std::destroy_at(slot);
-    header.startSlot = header.startSlot + 1 == header.capacity ? 0 : header.startSlot + 1;
-    --header.count;
-    return element;
+    buffer->header_.startSlot = header.startSlot + 1 == header.capacity ? 0 : header.startSlot + 1;
+    buffer->header_.count = header.count - 1;
+    // Built at the return, not before: an optional filled early and returned through memory
+    // costs a stalled store-to-load forward on every pop.
+    return std::optional<Element>(std::move(element));
   }
 
   /// The storage, for inspecting the block's header.
@@ -209,12 +213,25 @@ class Deque {
   friend void swap(Deque& a, Deque& b) noexcept { std::swap(a.storage_, b.storage_); }
 
  private:
-  // base + offset, brought back into 0 ..< capacity by one correction.
+  // The slot `offset` places after `base`, wrapped once. Offsets are counts, so never negative
+  // and never above the capacity: one correction suffices.
   static std::ptrdiff_t slotFor(std::ptrdiff_t base, std::ptrdiff_t offset,
                                 std::ptrdiff_t capacity) noexcept {
     std::ptrdiff_t slot = base + offset;
-    if (offset >= 0 ? slot >= capacity : slot < 0) slot += offset >= 0 ? -capacity : capacity;
-    return slot;
+    return slot >= capacity ? slot - capacity : slot;
+  }
+
+  // The slow path of an append, kept out of line so that the fast path inlines: a block that is
+  // missing, full or shared is replaced.
+  [[gnu::noinline]] DequeBuffer* makeRoomForAppend() {
+    std::ptrdiff_t required =
+        checkedAdd(count(), std::ptrdiff_t{1}, detail::kCollectionsLabel, __LINE__);
+    if (capacity() < required) {
+      grow(required);
+    } else {
+      makeUnique();
+    }
+    return storage_.buffer_;
   }
 
   // Moves the elements, front first, into slots 0 ..< count of a larger block. A block shared
@@ -264,7 +281,7 @@ class Deque {
 
   // Replaces a shared block by a private copy: same capacity, same header, each element copied
   // into its own slot.
-  void makeUnique() {
+  [[gnu::noinline]] void makeUnique() {
     if constexpr (!std::copy_constructible<Element>) {
       // Unreachable: such deques cannot be copied, so their blocks are never shared.
       fatalError(detail::kCollectionsLabel, __LINE__, "Shared deque of move-only elements");

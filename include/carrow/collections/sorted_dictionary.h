@@ -295,26 +295,42 @@ class SortedDictionary {
   }
 
  private:
-  // Each round either matches, or shrinks a span of two or more entries (the middle entry stays
-  // in the upper half), or ends on a single entry, reporting which side of it the key belongs on.
+  // Halves the span lower ..< upper until one entry is left: the entry in the middle goes to the
+  // upper half unless it comes after the key. An entry with the key is never dropped (it never
+  // comes after the key), so it is the one left, and testing equality once at the end gives the
+  // same answer as testing it in every round, with one comparison per round instead of two.
+  // When no entry matches, the one left is the key's neighbour, and its side is the answer.
+  //
+  // The halving is branch-free and the candidates of the next round are prefetched: an
+  // unpredictable branch per round costs more than the extra work once the array outgrows the
+  // caches.
+  // Below this many entries the rest of the search is a few cache lines: prefetching only costs.
+  static constexpr std::size_t kPrefetchSpan = 64;
+
   template <bool Ascending>
   Find findIn(const Key& key) const {
     if (inner_.empty()) return Find::indexBefore(0);
     const Entry* entries = inner_.data();
-    std::ptrdiff_t start = 0;
-    std::ptrdiff_t end = count();
-    while (true) {
-      std::ptrdiff_t mid = start + (end - start) / 2;
-      const Key& k = entries[mid].key;
-      if (k == key) return Find::match(mid);
-      bool comesAfter = Ascending ? key < k : k < key;
-      if (end - start < 2) return comesAfter ? Find::indexBefore(mid) : Find::indexAfter(mid);
-      if (comesAfter) {
-        end = mid;
-      } else {
-        start = mid;
+    const Entry* lower = entries;
+    std::size_t span = inner_.size();
+    auto halve = [&](auto prefetch) {
+      std::size_t half = span / 2;
+      const Entry* middle = lower + half;
+      if constexpr (prefetch) {
+        __builtin_prefetch(lower + half / 2);
+        __builtin_prefetch(middle + (span - half) / 2);
       }
-    }
+      bool comesAfter = Ascending ? key < middle->key : middle->key < key;
+      lower = comesAfter ? lower : middle;
+      span = comesAfter ? half : span - half;
+    };
+    while (span > kPrefetchSpan) halve(std::true_type());
+    while (span > 1) halve(std::false_type());
+    auto position = static_cast<std::ptrdiff_t>(lower - entries);
+    const Key& k = lower->key;
+    if (k == key) return Find::match(position);
+    bool comesAfter = Ascending ? key < k : k < key;
+    return comesAfter ? Find::indexBefore(position) : Find::indexAfter(position);
   }
 
   template <class V>
