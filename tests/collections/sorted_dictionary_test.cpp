@@ -204,8 +204,9 @@ TEST(SortedDictionary, GenericAlgorithmsMoveValuesAndLeaveKeys) {
   EXPECT_EQ(dictionary.values(), (std::vector<std::string>{"a", "b", "c", "d"}));
   EXPECT_EQ(dictionary.value(3), "c");
 
-  std::ranges::reverse(dictionary);
-  std::ranges::partition(dictionary, [](const std::string& v) { return v < "c"; });
+  std::reverse(dictionary.begin(), dictionary.end());
+  std::partition(dictionary.begin(), dictionary.end(),
+                 [](const std::string& v) { return v < "c"; });
   EXPECT_EQ(dictionary.keys(), (std::vector<int>{1, 2, 3, 4}));
   dictionary[0] = "first";
   EXPECT_EQ(dictionary.value(1), "first");

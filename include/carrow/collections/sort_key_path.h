@@ -42,6 +42,11 @@ concept SortKeyPathed = requires(const Value& value) {
 }
 &&std::totally_ordered<typename SortKeyPath<Value>::SortKey>;
 
+/// A value that carries its own sort key, of type `Key`.
+template <class Value, class Key>
+concept SortKeyedBy =
+    SortKeyPathed<Value> && std::same_as<typename SortKeyPath<Value>::SortKey, Key>;
+
 /// The sort key of `value`.
 template <SortKeyPathed Value>
 decltype(auto) sortKey(const Value& value) {

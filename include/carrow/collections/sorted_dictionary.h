@@ -111,9 +111,9 @@ class SortedDictionary {
 
   /// Values that carry their own keys (see `SortKeyPathed`), each stored under its sort key.
   template <std::ranges::input_range Values>
-  requires SortKeyPathed<Value> && std::same_as<Key, typename SortKeyPath<Value>::SortKey> && std::
-      convertible_to<std::ranges::range_reference_t<Values>, Value>
-      SortedDictionary(Values&& values, Direction direction) : direction_(direction) {
+  requires SortKeyedBy<Value, Key> && std::convertible_to<std::ranges::range_reference_t<Values>,
+                                                          Value>
+  SortedDictionary(Values&& values, Direction direction) : direction_(direction) {
     for (auto&& value : values) addSortKeyed(std::forward<decltype(value)>(value));
   }
 
@@ -123,8 +123,7 @@ class SortedDictionary {
   }
 
   /// Values that carry their own keys, in a descending dictionary.
-  SortedDictionary(std::initializer_list<Value> values) requires
-      SortKeyPathed<Value> && std::same_as<Key, typename SortKeyPath<Value>::SortKey> {
+  SortedDictionary(std::initializer_list<Value> values) requires SortKeyedBy<Value, Key> {
     for (const auto& value : values) addSortKeyed(value);
   }
 
@@ -146,8 +145,8 @@ class SortedDictionary {
 
   // Keyed access.
 
-  /// The binary search behind every keyed operation: O(log n) rounds, each with one equality test
-  /// and one order test.
+  /// The binary search behind every keyed operation: about log2(n) order tests and one equality
+  /// test. On a miss, the position names the entry the key would sit next to.
   Find find(const Key& key) const {
     return direction_ == Direction::ascending ? findIn<true>(key) : findIn<false>(key);
   }
