@@ -64,8 +64,14 @@ class Deque {
       return (sizeof(DequeBuffer) + alignof(Element) - 1) / alignof(Element) * alignof(Element);
     }
 
-    explicit DequeBuffer(Header header) noexcept : header_(header) {}
+    constexpr DequeBuffer(Header header, std::ptrdiff_t references) noexcept
+        : references_(references), header_(header) {}
     ~DequeBuffer() = default;
+
+    // Stands in for "no storage": capacity 0 and never unique, so that every append on it takes
+    // the slow path, which allocates. It is never retained, released or written, and it spares
+    // the fast paths a null test.
+    static DequeBuffer empty_;
 
     /// A block with room for at least `minimumCapacity` elements; its capacity is what the
     /// allocator really provides.
@@ -80,7 +86,7 @@ class Deque {
           detail::allocateDequeBlock(bytes, std::max(alignof(DequeBuffer), alignof(Element)));
       auto capacity =
           static_cast<std::ptrdiff_t>((block.usableBytes - slotsOffset()) / sizeof(Element));
-      return ::new (block.address) DequeBuffer(Header{capacity, 0, 0});
+      return ::new (block.address) DequeBuffer(Header{capacity, 0, 0}, 1);
     }
 
     static void retain(DequeBuffer* buffer) noexcept {
@@ -110,7 +116,7 @@ class Deque {
       return {{slots + start, toEnd}, {slots, count - toEnd}};
     }
 
-    std::atomic<std::ptrdiff_t> references_{1};
+    std::atomic<std::ptrdiff_t> references_;
     Header header_;
   };
 
@@ -119,26 +125,27 @@ class Deque {
    public:
     Storage() noexcept = default;
     Storage(const Storage& other) noexcept : buffer_(other.buffer_) {
-      if (buffer_ != nullptr) DequeBuffer::retain(buffer_);
+      if (!isEmpty()) DequeBuffer::retain(buffer_);
     }
-    Storage(Storage&& other) noexcept : buffer_(std::exchange(other.buffer_, nullptr)) {}
+    Storage(Storage&& other) noexcept
+        : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)) {}
     Storage& operator=(Storage other) noexcept {
       std::swap(buffer_, other.buffer_);
       return *this;
     }
     ~Storage() {
-      if (buffer_ != nullptr) DequeBuffer::release(buffer_);
+      if (!isEmpty()) DequeBuffer::release(buffer_);
     }
 
-    bool isEmpty() const noexcept { return buffer_ == nullptr; }
+    bool isEmpty() const noexcept { return buffer_ == &DequeBuffer::empty_; }
     /// The block, or null when no storage is allocated.
-    const DequeBuffer* buffer() const noexcept { return buffer_; }
+    const DequeBuffer* buffer() const noexcept { return isEmpty() ? nullptr : buffer_; }
 
    private:
     friend class Deque;
     explicit Storage(DequeBuffer* adopted) noexcept : buffer_(adopted) {}
 
-    DequeBuffer* buffer_ = nullptr;
+    DequeBuffer* buffer_ = &DequeBuffer::empty_;
   };
 
   Deque() noexcept = default;
@@ -157,15 +164,11 @@ class Deque {
   bool empty() const noexcept { return isEmpty(); }
 
   /// The number of elements.
-  std::ptrdiff_t count() const noexcept {
-    return storage_.buffer_ == nullptr ? 0 : storage_.buffer_->header_.count;
-  }
+  std::ptrdiff_t count() const noexcept { return storage_.buffer_->header_.count; }
   std::size_t size() const noexcept { return static_cast<std::size_t>(count()); }
 
   /// The number of slots of the current block (0 before the first append).
-  std::ptrdiff_t capacity() const noexcept {
-    return storage_.buffer_ == nullptr ? 0 : storage_.buffer_->header_.capacity;
-  }
+  std::ptrdiff_t capacity() const noexcept { return storage_.buffer_->header_.capacity; }
 
   /// Adds an element at the back. Amortised O(1); overflow of the count stops the process.
   void append(const Element& element) { emplace(element); }
@@ -175,8 +178,9 @@ class Deque {
   template <class... Args>
   void emplace(Args&&... args) {
     DequeBuffer* buffer = storage_.buffer_;
-    if (buffer == nullptr || buffer->header_.count >= buffer->header_.capacity
-        || !buffer->isUniquelyReferenced()) [[unlikely]] {
+    // One branch for both reasons to leave the fast path: no free slot, or a shared block.
+    if ((buffer->header_.count >= buffer->header_.capacity) | !buffer->isUniquelyReferenced())
+        [[unlikely]] {
       buffer = makeRoomForAppend();
     }
     // The header is read before and written after the element, so that constructing an element
@@ -191,7 +195,7 @@ class Deque {
   /// Removes and returns the front element; nullopt when the deque is empty. O(1).
   std::optional<Element> popFirst() {
     DequeBuffer* buffer = storage_.buffer_;
-    if (buffer == nullptr || buffer->header_.count == 0) return std::nullopt;
+    if (buffer->header_.count == 0) return std::nullopt;
     if (!buffer->isUniquelyReferenced()) [[unlikely]] {
       makeUnique();
       buffer = storage_.buffer_;
@@ -240,7 +244,7 @@ class Deque {
     std::ptrdiff_t newCapacity = detail::dequeGrowthCapacity(capacity(), required);
     Storage fresh(DequeBuffer::create(newCapacity));
     DequeBuffer* old = storage_.buffer_;
-    if (old != nullptr && old->header_.count > 0) {
+    if (old->header_.count > 0) {
       bool unique = old->isUniquelyReferenced();
       WrappedBuffer live = old->wrappedBuffer();
       DequeBuffer* target = fresh.buffer_;
@@ -311,5 +315,9 @@ class Deque {
 
   Storage storage_;
 };
+
+template <class Element>
+constinit
+    typename Deque<Element>::DequeBuffer Deque<Element>::DequeBuffer::empty_(Header{0, 0, 0}, 2);
 
 }  // namespace carrow
