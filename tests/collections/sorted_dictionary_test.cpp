@@ -74,11 +74,14 @@ TEST(SortedDictionary, SearchOnOneEntryReportsTheSideInBothDirections) {
   EXPECT_EQ(descending.find(7), Find::indexBefore(0));
 }
 
-// Every probe below, between and above the keys of every size up to 33, in both directions:
-// matches land on their entry, and misses name an entry that the key sits right next to.
+// Every probe below, between and above the keys of every size up to 33 and a few larger ones,
+// in both directions: matches land on their entry, and misses name an entry that the key sits
+// right next to.
 TEST(SortedDictionary, SearchAgreesWithALinearScanAtEverySize) {
+  std::vector<int> sizes{64, 65, 100, 129, 1000};
+  for (int size = 0; size <= 33; ++size) sizes.push_back(size);
   for (Direction direction : {Direction::ascending, Direction::descending}) {
-    for (int size = 0; size <= 33; ++size) {
+    for (int size : sizes) {
       std::vector<int> keys;
       for (int i = 0; i < size; ++i) keys.push_back(2 * i + 1);
       Dictionary dictionary = withKeys(keys, direction);

@@ -302,8 +302,8 @@ class SortedDictionary {
   //
   // The halving is branch-free and the candidates of the next round are prefetched: an
   // unpredictable branch per round costs more than the extra work once the array outgrows the
-  // caches.
-  // Below this many entries the rest of the search is a few cache lines: prefetching only costs.
+  // caches. Below kPrefetchSpan entries the rest of the search is a few cache lines, and
+  // prefetching only costs.
   static constexpr std::size_t kPrefetchSpan = 64;
 
   template <bool Ascending>
