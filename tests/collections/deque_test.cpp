@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -209,6 +210,32 @@ TEST(Deque, EveryElementIsDestroyedExactlyOnce) {
     EXPECT_EQ(Tracked::live, deque.count() + moved.count());
   }
   EXPECT_EQ(Tracked::live, 0);
+}
+
+// Copyable, with a move that may throw: growth copies it, and a failed pop changes nothing.
+struct Fragile {
+  static inline bool failMoves = false;
+  int value;
+  explicit Fragile(int v) : value(v) {}
+  Fragile(const Fragile&) = default;
+  Fragile(Fragile&& other) : value(other.value) {
+    if (failMoves) throw std::runtime_error("move");
+  }
+};
+
+TEST(Deque, AThrowingMoveLeavesTheDequeIntact) {
+  Deque<Fragile> deque;
+  deque.emplace(0);
+  while (deque.count() < deque.capacity()) deque.emplace(static_cast<int>(deque.count()));
+  std::ptrdiff_t full = deque.count();
+  Fragile::failMoves = true;
+  const Fragile extra(-1);
+  deque.append(extra);  // grows by copying, since moving could throw
+  EXPECT_GT(deque.capacity(), full);
+  EXPECT_THROW((void)deque.popFirst(), std::runtime_error);
+  Fragile::failMoves = false;
+  EXPECT_EQ(deque.count(), full + 1);
+  EXPECT_EQ(deque.popFirst()->value, 0);
 }
 
 TEST(Deque, HoldsMoveOnlyElements) {

@@ -202,13 +202,24 @@ class Deque {
     }
     const Header header = buffer->header_;
     Element* slot = buffer->elements() + header.startSlot;
-    Element element(std::move(*slot));
-    std::destroy_at(slot);
-    buffer->header_.startSlot = header.startSlot + 1 == header.capacity ? 0 : header.startSlot + 1;
-    buffer->header_.count = header.count - 1;
-    // Built at the return, not before: an optional filled early and returned through memory
-    // costs a stalled store-to-load forward on every pop.
-    return std::optional<Element>(std::move(element));
+    auto removeFront = [&] {
+      std::destroy_at(slot);
+      buffer->header_.startSlot =
+          header.startSlot + 1 == header.capacity ? 0 : header.startSlot + 1;
+      buffer->header_.count = header.count - 1;
+    };
+    if constexpr (std::is_nothrow_move_constructible_v<Element>) {
+      Element element(std::move(*slot));
+      removeFront();
+      // Built at the return, not before: an optional filled early and returned through memory
+      // costs a stalled store-to-load forward on every pop.
+      return std::optional<Element>(std::move(element));
+    } else {
+      // A move that throws leaves the deque as it was.
+      std::optional<Element> element(std::move(*slot));
+      removeFront();
+      return element;
+    }
   }
 
   /// The storage, for inspecting the block's header.
