@@ -104,9 +104,23 @@ void BM_InsertRemove(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-#define CARROW_MAP_BENCHMARKS(Map)                                           \
-  BENCHMARK_TEMPLATE(BM_Lookup, Map)->Arg(100)->Arg(10'000)->Arg(1'000'000); \
-  BENCHMARK_TEMPLATE(BM_InsertRemove, Map)->Arg(100)->Arg(10'000)->Arg(1'000'000)
+// Other programs share this machine: besides the median, report the least time of the
+// repetitions, which the load disturbs least.
+double fastest(const std::vector<double>& times) {
+  return *std::min_element(times.begin(), times.end());
+}
+
+#define CARROW_MAP_BENCHMARKS(Map)         \
+  BENCHMARK_TEMPLATE(BM_Lookup, Map)       \
+      ->Arg(100)                           \
+      ->Arg(10'000)                        \
+      ->Arg(1'000'000)                     \
+      ->ComputeStatistics("min", fastest); \
+  BENCHMARK_TEMPLATE(BM_InsertRemove, Map) \
+      ->Arg(100)                           \
+      ->Arg(10'000)                        \
+      ->Arg(1'000'000)                     \
+      ->ComputeStatistics("min", fastest)
 
 CARROW_MAP_BENCHMARKS(CarrowDictionary);
 CARROW_MAP_BENCHMARKS(FlatMap);
@@ -168,9 +182,15 @@ void BM_AppendPopBurst(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * burst);
 }
 
-#define CARROW_QUEUE_BENCHMARKS(Queue)                                \
-  BENCHMARK_TEMPLATE(BM_AppendPopSteady, Queue)->Arg(16)->Arg(1'000); \
-  BENCHMARK_TEMPLATE(BM_AppendPopBurst, Queue)->Arg(16)->Arg(1'000)
+#define CARROW_QUEUE_BENCHMARKS(Queue)          \
+  BENCHMARK_TEMPLATE(BM_AppendPopSteady, Queue) \
+      ->Arg(16)                                 \
+      ->Arg(1'000)                              \
+      ->ComputeStatistics("min", fastest);      \
+  BENCHMARK_TEMPLATE(BM_AppendPopBurst, Queue)  \
+      ->Arg(16)                                 \
+      ->Arg(1'000)                              \
+      ->ComputeStatistics("min", fastest)
 
 CARROW_QUEUE_BENCHMARKS(CarrowDeque);
 CARROW_QUEUE_BENCHMARKS(StdDeque);
