@@ -149,12 +149,11 @@ class Deque {
   };
 
   Deque() noexcept = default;
+  static constexpr bool kCopyable = std::copy_constructible<Element>;
   // Copies share the block until one of them changes, and changing means copying elements, so
   // only deques of copyable elements are copyable.
-  Deque(const Deque&) noexcept requires std::copy_constructible<Element>
-  = default;
-  Deque& operator=(const Deque&) noexcept requires std::copy_constructible<Element>
-  = default;
+  Deque(const Deque&) noexcept requires kCopyable = default;
+  Deque& operator=(const Deque&) noexcept requires kCopyable = default;
   Deque(Deque&&) noexcept = default;
   Deque& operator=(Deque&&) noexcept = default;
   ~Deque() = default;

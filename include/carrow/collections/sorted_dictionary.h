@@ -18,6 +18,17 @@
 
 namespace carrow {
 
+namespace detail {
+template <class Range, class Element>
+concept RangeOf =
+    std::ranges::input_range<Range> && std::convertible_to<std::ranges::range_reference_t<Range>,
+                                                           Element>;
+
+// Keeps a constructor template from standing in for the copy constructor.
+template <class T, class Self>
+concept NotSame = !std::same_as<std::remove_cvref_t<T>, Self>;
+}  // namespace detail
+
 /// A map kept as one contiguous array of (key, value) entries sorted by key.
 ///
 /// Lookups are binary searches; inserting or removing by key shifts the tail of the array. Besides
@@ -103,6 +114,10 @@ class SortedDictionary {
 
   // Construction.
 
+  // Whether a dictionary can be built from keys alone: each key is its own value, or the values
+  // are empty (a sorted set).
+  static constexpr bool kValuesAreKeys = std::same_as<Key, Value> || std::is_empty_v<Value>;
+
   /// An empty, descending dictionary.
   SortedDictionary() noexcept = default;
 
@@ -110,10 +125,9 @@ class SortedDictionary {
   explicit SortedDictionary(Direction direction) noexcept : direction_(direction) {}
 
   /// Values that carry their own keys (see `SortKeyPathed`), each stored under its sort key.
-  template <std::ranges::input_range Values>
-  requires SortKeyedBy<Value, Key> && std::convertible_to<std::ranges::range_reference_t<Values>,
-                                                          Value>
-  SortedDictionary(Values&& values, Direction direction) : direction_(direction) {
+  template <detail::RangeOf<Value> Values>
+  requires SortKeyedBy<Value, Key> SortedDictionary(Values&& values, Direction direction)
+      : direction_(direction) {
     for (auto&& value : values) addSortKeyed(std::forward<decltype(value)>(value));
   }
 
@@ -129,17 +143,14 @@ class SortedDictionary {
 
   /// Keys, in a descending dictionary. When `Value` is `Key`, each element is its own key and
   /// value; when `Value` is an empty type, this builds a sorted set.
-  template <std::ranges::input_range Keys>
-  requires(std::same_as<Key, Value> || std::is_empty_v<Value>)
-      && std::convertible_to<
-          std::ranges::range_reference_t<Keys>,
-          Key> && (!std::same_as<std::remove_cvref_t<Keys>, SortedDictionary>)explicit SortedDictionary(Keys&& keys) {
+  template <detail::RangeOf<Key> Keys>
+  requires kValuesAreKeys && detail::NotSame<Keys, SortedDictionary>
+  explicit SortedDictionary(Keys&& keys) {
     for (auto&& key : keys) addKey(std::forward<decltype(key)>(key));
   }
 
   /// Keys, in a descending dictionary (see the range constructor above).
-  SortedDictionary(std::initializer_list<Key> keys) requires(
-      std::same_as<Key, Value> || std::is_empty_v<Value>) {
+  SortedDictionary(std::initializer_list<Key> keys) requires kValuesAreKeys {
     for (const auto& key : keys) addKey(key);
   }
 
@@ -159,10 +170,7 @@ class SortedDictionary {
   }
 
   /// As above; an absent key reads as absent without a search.
-  template <class OptionalKey>
-  requires std::same_as<OptionalKey, std::optional<Key>> std::optional<Value> value(
-      const OptionalKey& key)
-  const {
+  std::optional<Value> value(const std::same_as<std::optional<Key>> auto& key) const {
     if (!key) return std::nullopt;
     return value(*key);
   }
@@ -175,13 +183,13 @@ class SortedDictionary {
   /// nothing.
   void setValue(Key key, std::optional<Value> newValue) {
     Find found = find(key);
-    auto position = inner_.begin() + found.position;
     if (!newValue) {
       if (found.kind == Find::Kind::match) removeAt(found.position);
       return;
     }
     if (found.kind == Find::Kind::match) {
-      *position = Entry{std::move(key), std::move(*newValue)};
+      inner_[static_cast<std::size_t>(found.position)] =
+          Entry{std::move(key), std::move(*newValue)};
     } else {
       inner_.insert(inner_.begin() + found.insertionPosition(),
                     Entry{std::move(key), std::move(*newValue)});
@@ -203,9 +211,8 @@ class SortedDictionary {
 
   /// Hands the current value (or nullopt) to `change` and stores what it leaves there through
   /// `setValue`, also when `change` exits by throwing.
-  template <class Change>
-  requires std::invocable < Change&, std::optional<Value>
-  & > void modifyValue(const Key& key, Change&& change) {
+  template <std::invocable<std::optional<Value>&> Change>
+  void modifyValue(const Key& key, Change&& change) {
     std::optional<Value> current = value(key);
     try {
       std::invoke(change, current);

@@ -28,8 +28,9 @@ class ValueIterator {
   explicit ValueIterator(EntryPointer entry) noexcept : entry_(entry) {}
   // A mutable iterator converts to a const one, as container iterators do.
   template <bool OtherConst>
-  requires(Const && !OtherConst) ValueIterator(const ValueIterator<Entry, OtherConst>& other)
-  noexcept : entry_(other.entry()) {}
+  ValueIterator(const ValueIterator<Entry, OtherConst>& other) noexcept
+      requires(Const && !OtherConst)
+      : entry_(other.entry()) {}
 
   reference operator*() const noexcept { return entry_->value; }
   pointer operator->() const noexcept { return &entry_->value; }
