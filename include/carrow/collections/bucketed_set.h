@@ -3,6 +3,7 @@
 #include <climits>
 #include <concepts>
 #include <cstddef>
+#include <iterator>
 #include <ostream>
 #include <string>
 #include <string_view>
