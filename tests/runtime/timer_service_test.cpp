@@ -57,9 +57,11 @@ TEST(TimerService, EntriesRunInDeadlineOrderThenSchedulingOrder) {
   const int deadlines[] = {3, 1, 2, 1, 0};
   for (int i = 0; i < 5; ++i) {
     timers.schedule(base + std::chrono::milliseconds(deadlines[i]), [&, i] {
-      std::lock_guard guard(mutex);
-      order.push_back(i);
-      done.signal();
+      {
+        std::lock_guard guard(mutex);
+        order.push_back(i);
+      }
+      done.signal();  // last: the test may end as soon as the fifth signal lands
     });
   }
   for (int i = 0; i < 5; ++i) done.wait();

@@ -9,6 +9,7 @@
 //   while (auto element = co_await iterator.next()) use(*element);
 
 #include <concepts>
+#include <coroutine>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -42,6 +43,19 @@ decltype(auto) getAwaiter(A&& awaitable) {
 }
 
 }  // namespace detail
+
+/// An awaitable that is ready at once with a value; awaiting it never suspends.
+template <class T>
+class ReadyAwaitable {
+ public:
+  explicit ReadyAwaitable(T value) : value_(std::move(value)) {}
+  bool await_ready() const noexcept { return true; }
+  void await_suspend(std::coroutine_handle<>) const noexcept {}
+  T await_resume() { return std::move(value_); }
+
+ private:
+  T value_;
+};
 
 /// The type that `co_await` of an `A` produces (ignoring any await_transform of the promise).
 template <class A>
