@@ -105,9 +105,10 @@ class MainActor final : public Actor {
   /// The main actor (made on first use).
   static MainActor& shared() noexcept;
 
-  /// Runs the main actor's queued work on the calling thread until none is left and returns how
-  /// many jobs ran. Binds the main actor to the calling thread.
-  static std::size_t drain() noexcept;
+  /// Runs the main actor's queued work on the calling thread until none is left; returns whether
+  /// anything ran. Binds the main actor to the calling thread (stops the process if it is bound
+  /// to another one).
+  static bool drain() noexcept;
 
   /// True while the calling thread runs main-actor code.
   static bool isMainThread() noexcept { return shared().isIsolated(); }

@@ -1,9 +1,5 @@
 #pragma once
 
-#include <cstddef>
-
-#include <carrow/platform/unfair_lock.h>
-
 namespace carrow {
 
 /// One unit of work queued on an executor. Jobs are intrusive: the executor links them through
@@ -37,54 +33,45 @@ class Executor {
   bool isCurrent() const noexcept;
 
  protected:
-  Executor() = default;
+  Executor() noexcept : identity_(this) {}
+  /// Lets an executor be recognised through state that outlives it (see `SerialExecutor`).
+  explicit Executor(const void* identity) noexcept : identity_(identity) {}
   Executor(const Executor&) = delete;
   Executor& operator=(const Executor&) = delete;
   ~Executor() = default;
+
+ private:
+  friend class SerialExecutor;
+  const void* identity_;
 };
 
 /// The process-wide concurrent executor: a pool of one thread per core, started on first use and
 /// never stopped. Tasks start here; code that is not isolated to an actor runs here.
 Executor& globalExecutor() noexcept;
 
-/// An executor that runs its jobs one at a time, in the order they were queued, borrowing a
-/// thread of the global executor whenever it has work (it owns no thread). Every `Actor` has one.
+/// An executor that runs its jobs one at a time, in the order they were queued. It owns no
+/// thread: whenever it has work it queues one drain job on its target executor (the global
+/// executor unless told otherwise), which runs a batch of jobs and queues itself again if more
+/// remain, so a busy serial executor cannot starve the others. Every `Actor` has one.
 ///
-/// It must outlive the jobs queued on it.
-class SerialExecutor : public Executor {
+/// Its queue is shared with the drain in progress, so destroying the executor while a job of it
+/// runs (the last reference to an actor dropped inside one of its own operations) is safe; jobs
+/// still queued then run anyway.
+class SerialExecutor final : public Executor {
  public:
-  SerialExecutor() noexcept;
+  /// A serial executor that borrows threads of the global executor.
+  SerialExecutor();
+  /// A serial executor whose drain job runs on `target`, which must outlive it.
+  explicit SerialExecutor(Executor& target);
   SerialExecutor(const SerialExecutor&) = delete;
   SerialExecutor& operator=(const SerialExecutor&) = delete;
   ~SerialExecutor();
 
   void enqueue(Job& job) noexcept override;
 
- protected:
-  /// Hands the drain job to whatever supplies this executor's thread; the default is the global
-  /// executor. The main actor overrides it with the main thread (or a thread of its own).
-  virtual void scheduleDrain(Job& drainJob) noexcept;
-
-  /// Runs queued jobs, at most `limit` of them, on the calling thread, and reports whether more
-  /// work remains (in which case the executor is still marked scheduled and the caller must call
-  /// `drain` again or hand the drain job on).
-  bool drain(std::size_t limit) noexcept;
-
  private:
-  class DrainJob final : public Job {
-   public:
-    explicit DrainJob(SerialExecutor& owner) noexcept : owner_(owner) {}
-    void run() noexcept override;
-
-   private:
-    SerialExecutor& owner_;
-  };
-
-  platform::os_unfair_lock lock_{};
-  Job* head_ = nullptr;
-  Job* tail_ = nullptr;
-  bool scheduled_ = false;
-  DrainJob drainJob_;
+  class Queue;
+  Queue* queue_;
 };
 
 }  // namespace carrow

@@ -39,7 +39,7 @@ AsyncResultOf<Fn> runMain(Fn fn) {
   Task<R> task = Task<R>::start(std::move(fn));
   detail::TaskStateBase<R>* state = detail::TaskAccess<R>::state(task);
   detail::blockUntilFinished(*state);
-  return state->result().get();
+  return std::move(state->result()).get();  // the only handle: nobody else reads it
 }
 
 }  // namespace carrow

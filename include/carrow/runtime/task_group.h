@@ -153,14 +153,16 @@ class ThrowingTaskGroup {
   /// an error does not cancel the other children.
   Async<void> waitForAll() {
     std::exception_ptr firstError;
-    for (;;) {
+    bool more = true;
+    while (more) {
       try {
-        if (!co_await next()) break;
+        more = static_cast<bool>(co_await next());
       } catch (...) {
         if (!firstError) firstError = std::current_exception();
       }
     }
     if (firstError) std::rethrow_exception(firstError);
+    co_return;
   }
 
   /// Cancels every child, running or added later.
@@ -177,12 +179,14 @@ class ThrowingTaskGroup {
 
   /// Awaits every remaining child, dropping outcomes and errors (what leaving the group does).
   Async<void> drain() {
-    for (;;) {
+    bool more = true;
+    while (more) {
       try {
-        if (!co_await next()) break;
+        more = static_cast<bool>(co_await next());
       } catch (...) {
       }
     }
+    co_return;
   }
 
  private:

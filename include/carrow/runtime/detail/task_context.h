@@ -135,16 +135,17 @@ class CurrentTaskScope {
   TaskContext* previous_;
 };
 
-/// Makes `executor` the executor this thread runs jobs of, for the lifetime of the guard.
+/// Makes the executor known by `executorIdentity` the one this thread runs jobs of, for the
+/// lifetime of the guard.
 class CurrentExecutorScope {
  public:
-  explicit CurrentExecutorScope(const Executor* executor) noexcept;
+  explicit CurrentExecutorScope(const void* executorIdentity) noexcept;
   ~CurrentExecutorScope();
   CurrentExecutorScope(const CurrentExecutorScope&) = delete;
   CurrentExecutorScope& operator=(const CurrentExecutorScope&) = delete;
 
  private:
-  const Executor* previous_;
+  const void* previous_;
 };
 
 /// Base of the promises of the runtime's coroutines: the awaiters find the task through it.
@@ -167,6 +168,9 @@ struct ContextAwaiter {
 
   TaskContext* context_ = nullptr;
 };
+
+/// The identity of the executor whose job the calling thread runs, or null.
+const void* currentExecutorIdentity() noexcept;
 
 /// Stops the process with a runtime message (used for misuse the runtime cannot recover from).
 [[noreturn]] void runtimeFatal(std::uint64_t line, const char* message) noexcept;
