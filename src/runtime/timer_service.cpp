@@ -46,7 +46,12 @@ struct TimerService::Impl {
   Impl() {
     for (int clock = 0; clock < 2; ++clock) {
       timerFds[clock] = timerfd_create(kClocks[clock], TFD_NONBLOCK | TFD_CLOEXEC);
-      if (timerFds[clock] < 0) throwErrno("timerfd_create");
+      if (timerFds[clock] < 0) {
+        const int error = errno;
+        if (clock == 1) close(timerFds[0]);
+        errno = error;
+        throwErrno("timerfd_create");
+      }
     }
   }
 
@@ -91,7 +96,13 @@ struct TimerService::Impl {
 };
 
 TimerService::TimerService() : impl_(new Impl) {
-  std::thread([impl = impl_] { impl->run(); }).detach();
+  try {
+    std::thread([impl = impl_] { impl->run(); }).detach();
+  } catch (...) {
+    for (int fd : impl_->timerFds) close(fd);
+    delete impl_;
+    throw;
+  }
 }
 
 TimerService& TimerService::shared() {
