@@ -1,4 +1,5 @@
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -69,13 +70,18 @@ TEST(Continuation, ResumeWithResultValue) {
 
 TEST(ContinuationDeathTest, SecondResumeStopsTheProcessNamingTheContinuation) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(runMain([]() -> Async<void> {
-                 auto body = [](CheckedContinuation<void> continuation) {
-                   continuation.resume();
-                   continuation.resume();
-                 };
-                 co_await withCheckedContinuation<void>("twiceResumed", body);
-               }),
+  const auto resumeTwice = [] {
+    runMain([]() -> Async<void> {
+      auto body = [](CheckedContinuation<void> continuation) {
+        continuation.resume();
+        continuation.resume();
+      };
+      co_await withCheckedContinuation<void>("twiceResumed", body);
+    });
+    // The first resume may let the task finish before the second stops the process.
+    std::this_thread::sleep_for(std::chrono::minutes(1));
+  };
+  EXPECT_DEATH(resumeTwice(),
                "Fatal error: continuation 'twiceResumed' was resumed more than once");
 }
 
