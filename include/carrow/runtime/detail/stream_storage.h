@@ -208,7 +208,7 @@ class StreamStorage {
       return;
     }
     awaiter.registered_ = true;
-    {
+    try {
       Locked locked(lock_);
       if (!takeLocked(awaiter)) {
         if (waiter_ != nullptr) {
@@ -218,6 +218,12 @@ class StreamStorage {
         waiter_ = &awaiter;  // published: from here on a producer or canceller resumes it
         return;
       }
+    } catch (...) {
+      // Taking the element threw (its move constructor): nothing was published, so the error
+      // can leave through the await after the cancellation record is gone.
+      context.removeCancellationRecord(awaiter.record_);
+      awaiter.registered_ = false;
+      throw;
     }
     context.schedule(handle);
   }
