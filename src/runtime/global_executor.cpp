@@ -45,7 +45,7 @@ class GlobalExecutor final : public Executor {
   }
 
  private:
-  static constexpr int kSpinRounds = 4000;
+  static constexpr int kSpinRounds = 2000;
 
   Job* pop() noexcept {
     platform::os_unfair_lock_lock(&queueLock_);
@@ -59,14 +59,20 @@ class GlobalExecutor final : public Executor {
     return job;
   }
 
-  // Spins for a while; the queue is read without the lock first so that spinning stays cheap.
+  // Spins for a while, if no other worker does; the queue is read without the lock first so that
+  // spinning stays cheap. One spinner is enough to catch a handoff quickly, and leaving the
+  // other cores free lets the thread that is about to hand work over run.
   Job* spinForJob() noexcept {
-    changeCount(spinners_, +1);
+    platform::os_unfair_lock_lock(&queueLock_);
+    const bool spin = spinners_ == 0;
+    if (spin) ++spinners_;
+    platform::os_unfair_lock_unlock(&queueLock_);
+    if (!spin) return nullptr;
     Job* job = nullptr;
     for (int round = 0; round < kSpinRounds && job == nullptr; ++round) {
       if (hasWork()) job = pop();
       if (job == nullptr) {
-        if (round % 64 == 63) {
+        if (round % 16 == 15) {
           std::this_thread::yield();
         } else {
           pause();
@@ -104,12 +110,26 @@ class GlobalExecutor final : public Executor {
     return job;
   }
 
+  // Enqueues wake nobody while a worker spins; a worker that takes a job and leaves more behind
+  // passes the baton, so a burst of work still spreads over every core.
+  void wakeForBacklog() noexcept {
+    if (!hasWork()) return;
+    platform::os_unfair_lock_lock(&queueLock_);
+    const bool wake = head_ != nullptr && sleepers_ > 0 && spinners_ == 0;
+    platform::os_unfair_lock_unlock(&queueLock_);
+    if (wake) {
+      { std::lock_guard guard(sleepMutex_); }
+      wakeup_.notify_one();
+    }
+  }
+
   [[noreturn]] void work() {
     detail::CurrentExecutorScope scope(this);
     for (;;) {
       Job* job = pop();
       if (job == nullptr) job = spinForJob();
       if (job == nullptr) job = sleepForJob();
+      wakeForBacklog();
       job->run();
     }
   }

@@ -17,6 +17,8 @@ namespace {
 // thread-local address across a suspension.
 thread_local detail::TaskContext* currentTask = nullptr;
 thread_local const void* currentExecutor = nullptr;
+// The Async child that its parent is resuming inline on this thread, if any.
+thread_local void* inlineChild = nullptr;
 
 constexpr std::uint32_t kRecordIdle = 0;
 constexpr std::uint32_t kRecordRegistered = 1;
@@ -161,6 +163,10 @@ void AsyncPromiseBase::finish() noexcept {
   std::coroutine_handle<> parent = continuation;
   // The caller always continues on its own executor, whatever this function moved to.
   task->executor = caller;
+  if (inlineChild == this) {
+    completedInline = true;  // the parent, on this thread, continues once resume() returns
+    return;
+  }
   if (handshake.exchange(kChildCompleted, std::memory_order_acq_rel) == kChildRunning) {
     return;  // The parent is still inside its await_suspend and continues from there.
   }
@@ -169,6 +175,14 @@ void AsyncPromiseBase::finish() noexcept {
   } else {
     task->schedule(parent);
   }
+}
+
+void* beginInlineResume(AsyncPromiseBase* child) noexcept {
+  return std::exchange(inlineChild, child);
+}
+
+void endInlineResume(void* previous) noexcept {
+  inlineChild = previous;
 }
 
 bool tryHopInline(Executor& target) noexcept {

@@ -49,8 +49,16 @@ class AsyncPromiseBase : public PromiseBase {
   std::coroutine_handle<> continuation;
   Executor* callerExecutor = nullptr;
   std::atomic<std::uint8_t> handshake{kChildRunning};
+  // Set by `finish` when the body ended inside the parent's own resume call, on its thread.
+  bool completedInline = false;
   bool isTaskBody = false;
 };
+
+/// Marks `child` as being resumed inline by its parent on the calling thread, returning the mark
+/// it replaces; `endInlineResume` puts that back. Out of line, so the thread-local is never
+/// cached in a coroutine frame.
+void* beginInlineResume(AsyncPromiseBase* child) noexcept;
+void endInlineResume(void* previous) noexcept;
 
 template <class T>
 class AsyncPromise : public AsyncPromiseBase {
@@ -136,16 +144,21 @@ class [[nodiscard]] Async {
 
     bool await_ready() const noexcept { return false; }
 
-    // Runs the child inline. If it completes before it ever suspends, the handshake tells us so
-    // and the parent continues without suspending (no stack growth, no queueing). Otherwise the
-    // child, when it completes, finds kParentSuspended and continues the parent itself.
+    // Runs the child inline. If it completes before it ever suspends, it says so through
+    // `completedInline` (same thread, no atomics) and the parent continues without suspending:
+    // no stack growth, no queueing. If it suspended, it may be completing on another thread
+    // right now, and the atomic handshake decides who continues the parent: whoever gets there
+    // second.
     template <detail::RuntimePromise Promise>
     bool await_suspend(std::coroutine_handle<Promise> parent) const noexcept {
       promise_type& child = child_.promise();
       child.context = parent.promise().context;
       child.continuation = parent;
       child.callerExecutor = child.context->executor;
+      void* previous = detail::beginInlineResume(&child);
       child_.resume();
+      detail::endInlineResume(previous);
+      if (child.completedInline) return false;
       return child.handshake.exchange(detail::kParentSuspended, std::memory_order_acq_rel)
              != detail::kChildCompleted;
     }
