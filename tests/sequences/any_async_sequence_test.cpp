@@ -117,10 +117,10 @@ TEST(AnyAsyncSequence, IteratorsOfOneErasedSequenceAreIndependent) {
   EXPECT_EQ(results, (Results{"1", "2", "1", "end", "2"}));
 }
 
-TEST(AnyAsyncThrowingSequence, CopiesAndNestedErasureShareNothingMutable) {
+TEST(AnyAsyncThrowingSequence, CopiesAndWrappersIterateIndependently) {
   const auto results = runMain([]() -> Async<Results> {
     AnyAsyncThrowingSequence<int> inner(asAsync(std::vector<int>{5, 6}));
-    AnyAsyncThrowingSequence<int> outer(inner);
+    AnyAsyncThrowingSequence<long> outer(inner);  // a wrapper around the erased sequence
     auto copy = outer;
     auto fromCopy = co_await play(copy, 3);
     auto fromOuter = co_await play(outer, 1);

@@ -76,15 +76,23 @@ Async<std::optional<Element>> endOfSequence() {
 
 }  // namespace detail
 
-/// An asynchronous iterator whose elements convert to `Element`.
-template <class I, class Element>
-concept AsyncIteratorConvertibleTo = AsyncIterator<I> && std::move_constructible<
-    I> && std::constructible_from<Element, AsyncIteratorElement<I> &&>;
+/// An asynchronous iterator that can be moved into a box.
+template <class I>
+concept MovableAsyncIterator = AsyncIterator<I> && std::move_constructible<I>;
 
-/// An asynchronous sequence whose elements convert to `Element`.
+/// A movable asynchronous iterator whose elements convert to `Element`.
+template <class I, class Element>
+concept AsyncIteratorConvertibleTo =
+    MovableAsyncIterator<I> && std::constructible_from<Element, AsyncIteratorElement<I>>;
+
+/// A copyable asynchronous sequence.
+template <class S>
+concept CopyableAsyncSequence = AsyncSequence<S> && std::copy_constructible<S>;
+
+/// A copyable asynchronous sequence whose elements convert to `Element`.
 template <class S, class Element>
-concept AsyncSequenceConvertibleTo = AsyncSequence<S> && std::copy_constructible<
-    S> && AsyncIteratorConvertibleTo<AsyncSequenceIterator<S>, Element>;
+concept AsyncSequenceConvertibleTo =
+    CopyableAsyncSequence<S> && AsyncIteratorConvertibleTo<AsyncSequenceIterator<S>, Element>;
 
 /// A sequence of `Element` of hidden type that never throws: an error of the wrapped sequence ends
 /// the iteration instead. Copies share the wrapped sequence.
@@ -95,12 +103,8 @@ class AnyAsyncSequence {
   class Iterator {
    public:
     /// Boxes any asynchronous iterator whose elements convert to `Element`.
-    template <class I>
-    requires(!std::same_as<std::remove_cvref_t<I>, Iterator>)
-        && AsyncIteratorConvertibleTo<std::remove_cvref_t<I>, Element> explicit Iterator(
-            I&& iterator)
-        : iterator_(
-            detail::boxIterator<Element>(std::remove_cvref_t<I>(std::forward<I>(iterator)))) {}
+    template <AsyncIteratorConvertibleTo<Element> I>
+    explicit Iterator(I iterator) : iterator_(detail::boxIterator<Element>(std::move(iterator))) {}
 
     /// The next element, or the end, which also stands for an error of the wrapped iterator (the
     /// error is dropped; the wrapped iterator is kept and asked again by the next call).
@@ -114,13 +118,11 @@ class AnyAsyncSequence {
     std::unique_ptr<detail::ErasedAsyncIterator<Element>> iterator_;
   };
 
-  /// Wraps `sequence`; each `makeAsyncIterator()` starts a new iteration of it.
-  template <class S>
-  requires(!std::same_as<std::remove_cvref_t<S>, AnyAsyncSequence>)
-      && AsyncSequenceConvertibleTo<std::remove_cvref_t<S>, Element> explicit AnyAsyncSequence(
-          S&& sequence) {
-    using Sequence = std::remove_cvref_t<S>;
-    auto base = std::make_shared<const Sequence>(std::forward<S>(sequence));
+  /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
+  /// each `makeAsyncIterator()` starts a new iteration of it.
+  template <AsyncSequenceConvertibleTo<Element> S>
+  explicit AnyAsyncSequence(S sequence) {
+    auto base = std::make_shared<const S>(std::move(sequence));
     base_ = base;
     iteratorBuilder_ = [captured = *base] { return Iterator(detail::makeIteratorOf(captured)); };
   }
@@ -141,12 +143,8 @@ class AnyAsyncThrowingSequence {
   class Iterator {
    public:
     /// Boxes any asynchronous iterator whose elements convert to `Element`.
-    template <class I>
-    requires(!std::same_as<std::remove_cvref_t<I>, Iterator>)
-        && AsyncIteratorConvertibleTo<std::remove_cvref_t<I>, Element> explicit Iterator(
-            I&& iterator)
-        : iterator_(
-            detail::boxIterator<Element>(std::remove_cvref_t<I>(std::forward<I>(iterator)))) {}
+    template <AsyncIteratorConvertibleTo<Element> I>
+    explicit Iterator(I iterator) : iterator_(detail::boxIterator<Element>(std::move(iterator))) {}
 
     /// The next element or the end; an error of the wrapped iterator is thrown on unchanged (the
     /// wrapped iterator is kept and asked again by the next call).
@@ -159,12 +157,11 @@ class AnyAsyncThrowingSequence {
     std::unique_ptr<detail::ErasedAsyncIterator<Element>> iterator_;
   };
 
-  /// Wraps `sequence`; each `makeAsyncIterator()` starts a new iteration of it.
-  template <class S>
-  requires(!std::same_as<std::remove_cvref_t<S>, AnyAsyncThrowingSequence>)
-      && AsyncSequenceConvertibleTo<std::remove_cvref_t<S>,
-                                    Element> explicit AnyAsyncThrowingSequence(S&& sequence)
-      : iteratorBuilder_([captured = std::remove_cvref_t<S>(std::forward<S>(sequence))] {
+  /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
+  /// each `makeAsyncIterator()` starts a new iteration of it.
+  template <AsyncSequenceConvertibleTo<Element> S>
+  explicit AnyAsyncThrowingSequence(S sequence)
+      : iteratorBuilder_([captured = std::move(sequence)] {
           return Iterator(detail::makeIteratorOf(captured));
         }) {}
 

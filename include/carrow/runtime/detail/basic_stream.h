@@ -37,16 +37,16 @@ class BasicStream {
     void finish() const { storage_->finish(nullptr); }
 
     /// Ends the stream with `error` (null: a normal end): the consumer reads the buffered elements,
-    /// then `next` throws `error` once, then reads the end.
-    void finish(std::exception_ptr error) const requires Throwing {
+    /// then `next` throws `error` once, then reads the end. Throwing streams only.
+    void finish(std::exception_ptr error) const {
+      static_assert(Throwing, "only a throwing stream can finish with an error");
       storage_->finish(std::move(error));
     }
 
-    /// `finish(std::make_exception_ptr(error))`.
+    /// `finish(std::make_exception_ptr(error))`. Throwing streams only.
     template <class Error>
-    requires Throwing &&(
-        !std::same_as<std::remove_cvref_t<Error>,
-                      std::exception_ptr>)void finishThrowing(Error&& error) const {
+    void finishThrowing(Error&& error) const {
+      static_assert(Throwing, "only a throwing stream can finish with an error");
       storage_->finish(std::make_exception_ptr(std::forward<Error>(error)));
     }
 
@@ -126,10 +126,7 @@ class BasicStream {
   /// the continuation (it typically hands it to a callback or a task).
   template <class Build>
   requires std::invocable<Build&, Continuation>
-  explicit BasicStream(Build build) : BasicStream(makeStream()) {
-    build(continuation_);
-    continuation_.storage_.reset();
-  }
+  explicit BasicStream(Build build) : BasicStream(built(build)) {}
 
   /// An unfolding stream: each `next` awaits `produce()` once; nothing is produced ahead. A step
   /// that returns std::nullopt ends the stream; for a throwing stream, a step that throws ends it
@@ -143,14 +140,16 @@ class BasicStream {
   Iterator makeAsyncIterator() const { return Iterator(consumer_); }
 
  private:
-  explicit BasicStream(Pair pair) : BasicStream(std::move(pair.stream)) {
-    continuation_ = std::move(pair.continuation);
+  template <class Build>
+  static BasicStream built(Build& build) {
+    Pair pair = makeStream();
+    build(std::move(pair.continuation));
+    return std::move(pair.stream);
   }
   explicit BasicStream(std::shared_ptr<typename Iterator::Consumer> consumer) noexcept
       : consumer_(std::move(consumer)) {}
 
   std::shared_ptr<typename Iterator::Consumer> consumer_;
-  Continuation continuation_{nullptr};  // only while `build` runs
 };
 
 /// The consumer side: either the storage of a continuation-fed stream or the producing step of an
