@@ -135,7 +135,7 @@ struct BlockingWaiter : detail::TaskWaiter {
 
 }  // namespace
 
-Actor::Actor() noexcept : executor_(new SerialExecutor()), ownsExecutor_(true) {}
+Actor::Actor() : executor_(new SerialExecutor()), ownsExecutor_(true) {}
 
 Actor::Actor(SerialExecutor& executor) noexcept : executor_(&executor), ownsExecutor_(false) {}
 

@@ -68,7 +68,7 @@ inline detail::ExecutorHop hopTo(Executor& executor) noexcept {
 /// outlive their caller.
 class Actor {
  public:
-  Actor() noexcept;
+  Actor();
   virtual ~Actor();
   Actor(const Actor&) = delete;
   Actor& operator=(const Actor&) = delete;

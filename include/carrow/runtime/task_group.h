@@ -85,10 +85,15 @@ class GroupNextAwaiter {
   template <RuntimePromise Promise>
   void await_suspend(std::coroutine_handle<Promise> handle) noexcept {
     TaskContext* context = handle.promise().context;
-    taken_.child = core_.waitForChild(handle);
-    // A child finished between await_ready and here: we are not registered, so go round the
-    // executor rather than continue inline.
-    if (taken_.child != nullptr) context->schedule(handle);
+    // Once registered, a finishing child may resume us on another thread at any moment, so the
+    // frame is written only on the path that did not register.
+    TaskStateCore* child = core_.waitForChild(handle);
+    if (child != nullptr) {
+      // A child finished between await_ready and here: go round the executor rather than
+      // continue inline.
+      taken_.child = child;
+      context->schedule(handle);
+    }
   }
   Output await_resume() {
     if (taken_.child == nullptr) {
