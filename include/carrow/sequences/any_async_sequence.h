@@ -94,6 +94,19 @@ template <class S, class Element>
 concept AsyncSequenceConvertibleTo =
     CopyableAsyncSequence<S> && AsyncIteratorConvertibleTo<AsyncSequenceIterator<S>, Element>;
 
+namespace detail {
+
+// What an erased type can wrap: anything fitting except itself, which it copies instead. The
+// exclusion comes first so that checking a copy never recurses into these constraints.
+template <class I, class Element, class Self>
+concept ErasableIterator =
+    !std::same_as<std::remove_cvref_t<I>, Self> && AsyncIteratorConvertibleTo<I, Element>;
+template <class S, class Element, class Self>
+concept ErasableSequence =
+    !std::same_as<std::remove_cvref_t<S>, Self> && AsyncSequenceConvertibleTo<S, Element>;
+
+}  // namespace detail
+
 /// A sequence of `Element` of hidden type that never throws: an error of the wrapped sequence ends
 /// the iteration instead. Copies share the wrapped sequence.
 template <class Element>
@@ -103,7 +116,7 @@ class AnyAsyncSequence {
   class Iterator {
    public:
     /// Boxes any asynchronous iterator whose elements convert to `Element`.
-    template <AsyncIteratorConvertibleTo<Element> I>
+    template <detail::ErasableIterator<Element, Iterator> I>
     explicit Iterator(I iterator) : iterator_(detail::boxIterator<Element>(std::move(iterator))) {}
 
     /// The next element, or the end, which also stands for an error of the wrapped iterator (the
@@ -120,7 +133,7 @@ class AnyAsyncSequence {
 
   /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
   /// each `makeAsyncIterator()` starts a new iteration of it.
-  template <AsyncSequenceConvertibleTo<Element> S>
+  template <detail::ErasableSequence<Element, AnyAsyncSequence> S>
   explicit AnyAsyncSequence(S sequence) {
     auto base = std::make_shared<const S>(std::move(sequence));
     base_ = base;
@@ -143,7 +156,7 @@ class AnyAsyncThrowingSequence {
   class Iterator {
    public:
     /// Boxes any asynchronous iterator whose elements convert to `Element`.
-    template <AsyncIteratorConvertibleTo<Element> I>
+    template <detail::ErasableIterator<Element, Iterator> I>
     explicit Iterator(I iterator) : iterator_(detail::boxIterator<Element>(std::move(iterator))) {}
 
     /// The next element or the end; an error of the wrapped iterator is thrown on unchanged (the
@@ -159,7 +172,7 @@ class AnyAsyncThrowingSequence {
 
   /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
   /// each `makeAsyncIterator()` starts a new iteration of it.
-  template <AsyncSequenceConvertibleTo<Element> S>
+  template <detail::ErasableSequence<Element, AnyAsyncThrowingSequence> S>
   explicit AnyAsyncThrowingSequence(S sequence)
       : iteratorBuilder_([captured = std::move(sequence)] {
           return Iterator(detail::makeIteratorOf(captured));
