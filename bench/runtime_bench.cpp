@@ -1,7 +1,10 @@
 // The task runtime against the standard library's ways of doing the same thing: spawning work on
 // another thread, handing control between threads, and calling a function.
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <future>
 #include <malloc.h>
 #include <mutex>
@@ -109,11 +112,21 @@ BENCHMARK(BM_ActorHopRoundTrip)->UseRealTime();
 // continuation from a task to a plain thread the same way, and the thread resumes the task:
 // one condition-variable handoff plus one resume-to-running.
 
+// Each side also reports the one-way latency it measures directly: from just before the resume
+// (or the notify) until the resumed side runs.
+
+std::int64_t nowNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 struct Mailbox {
   std::mutex mutex;
   std::condition_variable changed;
   std::optional<UnsafeContinuation<void>> continuation;
   bool stop = false;
+  std::atomic<std::int64_t> resumedAt{0};
 };
 
 void BM_ContinuationResumeRoundTrip(benchmark::State& state) {
@@ -125,11 +138,13 @@ void BM_ContinuationResumeRoundTrip(benchmark::State& state) {
       if (mailbox.stop) return;
       auto continuation = *std::exchange(mailbox.continuation, std::nullopt);
       guard.unlock();
+      mailbox.resumedAt.store(nowNanoseconds(), std::memory_order_release);
       continuation.resume();
       guard.lock();
     }
   });
-  runMain([&state, &mailbox]() -> Async<void> {
+  std::int64_t latency = 0;
+  runMain([&state, &mailbox, &latency]() -> Async<void> {
     for (auto _ : state) {
       auto post = [&mailbox](UnsafeContinuation<void> continuation) {
         std::lock_guard guard(mailbox.mutex);
@@ -137,8 +152,11 @@ void BM_ContinuationResumeRoundTrip(benchmark::State& state) {
         mailbox.changed.notify_one();
       };
       co_await withUnsafeContinuation<void>(post);
+      latency += nowNanoseconds() - mailbox.resumedAt.load(std::memory_order_acquire);
     }
   });
+  state.counters["resume_to_running_ns"] =
+      static_cast<double>(latency) / static_cast<double>(state.iterations());
   {
     std::lock_guard guard(mailbox.mutex);
     mailbox.stop = true;
@@ -152,21 +170,27 @@ void BM_ConditionVariableRoundTrip(benchmark::State& state) {
   std::mutex mutex;
   std::condition_variable changed;
   int turn = 0;  // 1: B's turn, 0: A's turn, -1: stop
+  std::int64_t notifiedAt = 0;
   std::thread b([&] {
     std::unique_lock guard(mutex);
     for (;;) {
       changed.wait(guard, [&] { return turn != 0; });
       if (turn < 0) return;
       turn = 0;
+      notifiedAt = nowNanoseconds();
       changed.notify_all();
     }
   });
+  std::int64_t latency = 0;
   for (auto _ : state) {
     std::unique_lock guard(mutex);
     turn = 1;
     changed.notify_all();
     changed.wait(guard, [&] { return turn == 0; });
+    latency += nowNanoseconds() - notifiedAt;
   }
+  state.counters["handoff_to_running_ns"] =
+      static_cast<double>(latency) / static_cast<double>(state.iterations());
   {
     std::lock_guard guard(mutex);
     turn = -1;
