@@ -79,6 +79,7 @@ class UnsafeContinuation {
   /// Resumes with the value or the error that `outcome` holds.
   void resumeWith(Result<T> outcome) const noexcept { slot_->deliver(std::move(outcome)); }
 
+  /// Made by `withUnsafe...Continuation`.
   explicit UnsafeContinuation(detail::ContinuationSlot<T>* slot) noexcept : slot_(slot) {}
 
  private:
@@ -127,6 +128,7 @@ class CheckedContinuation {
   /// The name given at creation, for diagnostics.
   const std::string& name() const noexcept { return state_->name; }
 
+  /// Made by `withChecked...Continuation`.
   explicit CheckedContinuation(std::shared_ptr<detail::CheckedState<T>> state) noexcept
       : state_(std::move(state)) {}
 

@@ -23,6 +23,7 @@ class Result {
     return Result(std::in_place_index<1>, std::move(error));
   }
 
+  /// True for a success.
   bool hasValue() const noexcept { return storage_.index() == 0; }
   explicit operator bool() const noexcept { return hasValue(); }
 
@@ -56,13 +57,16 @@ class Result {
 template <>
 class Result<void> {
  public:
+  /// A successful outcome.
   static Result success() { return Result(); }
+  /// A failed outcome; `error` must not be null.
   static Result failure(std::exception_ptr error) {
     Result result;
     result.error_ = std::move(error);
     return result;
   }
 
+  /// True for a success.
   bool hasValue() const noexcept { return error_ == nullptr; }
   explicit operator bool() const noexcept { return hasValue(); }
 
