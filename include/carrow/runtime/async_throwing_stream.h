@@ -17,9 +17,10 @@ namespace carrow {
 /// when the stream is finished, or when the consumer goes away (its iterator, or every copy of the
 /// stream when no iterator is alive, is dropped; or its task is cancelled while it reads).
 ///
-/// A stream has a single consumer: awaiting `next` from two tasks at once stops the process. A
-/// consumer whose task is cancelled reads the end (not an error) and ends the stream, dropping any
-/// buffered elements.
+/// A stream has a single consumer: its iterators are read, and dropped, by one task at a time
+/// (awaiting `next` from two tasks at once stops the process). A consumer whose task is cancelled
+/// reads the end (not an error) and ends the stream, dropping any buffered elements. The consumer
+/// takes buffered elements over in batches, so a busy producer rarely meets it on the lock.
 ///
 ///   auto [stream, continuation] = AsyncThrowingStream<int>::makeStream();
 ///   continuation.setOnTermination([](auto termination) { /* stop producing */ });

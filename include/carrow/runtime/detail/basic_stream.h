@@ -76,7 +76,7 @@ class BasicStream {
     }
     ~Iterator() {
       // Dropping the iterator is the consumer going away.
-      if (consumer_ && consumer_->storage) consumer_->storage->consumerGone();
+      if (consumer_ && consumer_->storage) consumer_->storage->consumerGone(true);
     }
 
     /// The next element, or std::nullopt at the end; a throwing stream may throw its error once.
@@ -136,7 +136,7 @@ class BasicStream {
   }
 
   /// The stream's iterator. A stream has one consumer: iterators made from one stream share it,
-  /// and dropping any of them ends the stream for all.
+  /// are used by one task at a time, and dropping any of them ends the stream for all.
   Iterator makeAsyncIterator() const { return Iterator(consumer_); }
 
  private:
@@ -162,7 +162,7 @@ struct BasicStream<T, Throwing>::Iterator::Consumer {
   Consumer(const Consumer&) = delete;
   Consumer& operator=(const Consumer&) = delete;
   ~Consumer() {
-    if (storage) storage->consumerGone();
+    if (storage) storage->consumerGone(true);
   }
 
   std::shared_ptr<StreamStorage<T>> storage;

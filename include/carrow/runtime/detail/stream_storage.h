@@ -5,6 +5,7 @@
 // scheduled on its own executor by the producer that fills it (never resumed inline, so producers
 // may yield while holding locks of their own).
 
+#include <atomic>
 #include <coroutine>
 #include <deque>
 #include <exception>
@@ -83,7 +84,7 @@ class StreamNextAwaiter {
     explicit Record(StreamStorage<T>& storage) noexcept
         : CancellationRecord(&Record::fire), storage(storage) {}
     static void fire(CancellationRecord& record) noexcept {
-      static_cast<Record&>(record).storage.consumerGone();
+      static_cast<Record&>(record).storage.consumerGone(false);
     }
     StreamStorage<T>& storage;
   };
@@ -152,14 +153,19 @@ class StreamStorage {
 
   /// The consumer went away (iterator and stream dropped) or its task was cancelled while it
   /// read: the stream ends, buffered elements are dropped and the consumer reads the end.
-  void consumerGone() noexcept {
+  /// `consumerSide` says the caller is the consumer itself (not a canceller on another thread),
+  /// so it may also drop the batch of elements the consumer had already taken over.
+  void consumerGone(bool consumerSide) noexcept {
+    std::deque<T> droppedBatch;  // everything dropped is destroyed after the lock is released
+    if (consumerSide) droppedBatch.swap(batch_);
     std::function<void(StreamTermination)> handler;
-    std::deque<T> dropped;  // destroyed after the lock is released
+    std::deque<T> dropped;
     Awaiter* waiter = nullptr;
     {
       Locked locked(lock_);
       if (consumerGone_) return;
       consumerGone_ = true;
+      gone_.store(true, std::memory_order_release);
       dropped.swap(buffer_);
       error_ = nullptr;
       if (!terminal_) {
@@ -190,7 +196,16 @@ class StreamStorage {
   bool tryTake(Awaiter& awaiter) {
     TaskContext* context = currentTaskContext();
     if (context != nullptr && context->isCancelled()) {
-      consumerGone();
+      consumerGone(true);
+      return true;
+    }
+    if (gone_.load(std::memory_order_acquire)) {
+      batch_.clear();  // ended by a canceller, which leaves the consumer's batch to the consumer
+      return true;
+    }
+    if (!batch_.empty()) {
+      awaiter.value_.emplace(std::move(batch_.front()));
+      batch_.pop_front();
       return true;
     }
     Locked locked(lock_);
@@ -203,7 +218,7 @@ class StreamStorage {
     awaiter.context_ = &context;
     awaiter.handle_ = handle;
     if (!context.addCancellationRecord(awaiter.record_)) {
-      consumerGone();
+      consumerGone(true);
       context.schedule(handle);
       return;
     }
@@ -237,11 +252,15 @@ class StreamStorage {
     platform::os_unfair_lock& lock;
   };
 
+  // Called by the consumer, whose batch is empty here.
   bool takeLocked(Awaiter& awaiter) {
     if (consumerGone_) return true;
     if (!buffer_.empty()) {
-      awaiter.value_.emplace(std::move(buffer_.front()));
-      buffer_.pop_front();
+      // Take over everything buffered at once: the consumer then reads the batch without the
+      // lock, and producers find the lock free more often.
+      batch_.swap(buffer_);
+      awaiter.value_.emplace(std::move(batch_.front()));
+      batch_.pop_front();
       return true;
     }
     if (!terminal_) return false;
@@ -250,10 +269,12 @@ class StreamStorage {
   }
 
   platform::os_unfair_lock lock_{};
-  std::deque<T> buffer_;
-  bool terminal_ = false;      // no more elements will be accepted
-  bool consumerGone_ = false;  // every read answers the end
-  std::exception_ptr error_;   // the finishing error, until the consumer has read it
+  std::deque<T> buffer_;           // yielded, not yet taken over by the consumer
+  std::deque<T> batch_;            // taken over; touched by the consumer only, without the lock
+  std::atomic<bool> gone_{false};  // consumerGone_, readable without the lock
+  bool terminal_ = false;          // no more elements will be accepted
+  bool consumerGone_ = false;      // every read answers the end
+  std::exception_ptr error_;       // the finishing error, until the consumer has read it
   StreamTermination termination_ = StreamTermination::cancelled();
   std::function<void(StreamTermination)> onTermination_;
   Awaiter* waiter_ = nullptr;
