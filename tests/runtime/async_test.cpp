@@ -1,4 +1,5 @@
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -6,10 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <carrow/runtime/actor.h>
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/continuation.h>
 #include <carrow/runtime/run_main.h>
 #include <carrow/runtime/task.h>
+#include <carrow/runtime/task_group.h>
 
 namespace carrow {
 namespace {
@@ -94,11 +97,29 @@ TEST(Async, EveryValuePassedThroughAwaitIsDestroyedOnce) {
     Tracked again = co_await task.value();
     auto body = [](UnsafeContinuation<Tracked> continuation) { continuation.resume(Tracked(9)); };
     Tracked resumed = co_await withUnsafeContinuation<Tracked>(body);
-    co_return first.value + second.value + fromTask.value + again.value + resumed.value;
+    auto checkedBody = [](CheckedContinuation<Tracked> continuation) {
+      std::thread([continuation] { continuation.resume(Tracked(10)); }).detach();
+    };
+    Tracked checked = co_await withCheckedContinuation<Tracked>("tracked", checkedBody);
+    auto children = [](ThrowingTaskGroup<Tracked>& group) -> Async<int> {
+      for (int i = 0; i < 3; ++i) group.addTask([]() -> Async<Tracked> { co_return Tracked(1); });
+      group.addTask([]() -> Async<Tracked> { co_return Tracked(100); });  // left for the exit
+      int sum = 0;
+      for (int i = 0; i < 3; ++i) {
+        auto child = co_await group.next();
+        sum += child->value;
+      }
+      co_return sum;
+    };
+    const int fromGroup = co_await withThrowingTaskGroup<Tracked>(children);
+    co_return first.value + second.value + fromTask.value + again.value + resumed.value
+        + checked.value + (fromGroup >= 3 ? 3 : 0);
   });
-  EXPECT_EQ(value, 1 + 2 + 7 + 7 + 9);
-  // The task's own copy goes when its state does (the handle is gone once runMain returned).
-  for (int spin = 0; spin < 1000 && Tracked::live != 0; ++spin) std::this_thread::yield();
+  EXPECT_EQ(value, 1 + 2 + 7 + 7 + 9 + 10 + 3);
+  // The resuming thread drops its temporary after resume() returned: give it a moment.
+  for (int wait = 0; wait < 5000 && Tracked::live != 0; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   EXPECT_EQ(Tracked::live, 0);
   EXPECT_GT(Tracked::destroyed, 0);
 }
@@ -112,6 +133,25 @@ TEST(Async, ErrorThrownAfterASuspensionReachesTheAwaiter) {
                  co_await inner();
                }),
                std::logic_error);
+}
+
+// The child moves to a serial executor and completes on another worker while the parent's thread
+// is still returning from the inline resume: exactly one side must continue the parent.
+TEST(Async, ChildCompletingOnAnotherThreadRacesTheParentsHandshake) {
+  SerialExecutor elsewhere;
+  const long total = runMain([&elsewhere]() -> Async<long> {
+    auto away = [](Executor& executor, int value) -> Async<int> {
+      co_await hopTo(executor);
+      co_return value;
+    };
+    long sum = 0;
+    for (int i = 0; i < 20000; ++i) {
+      sum += co_await away(elsewhere, 1);
+      EXPECT_TRUE(globalExecutor().isCurrent());
+    }
+    co_return sum;
+  });
+  EXPECT_EQ(total, 20000);
 }
 
 TEST(Async, AwaitingAChildThatSuspendsResumesTheParentOnce) {
