@@ -74,6 +74,9 @@ class TaskOutcomeAwaiter : TaskWaiter {
 /// state; dropping every handle neither cancels nor stops the task. Any number of awaiters may
 /// await `value()` or `result()`, before or after the task finished; awaiting never cancels it.
 ///
+/// Every awaiter receives its own copy of the outcome, so awaiting needs a copyable `T` (hand
+/// move-only values through a `std::shared_ptr`, or through a task group, whose `next()` moves).
+///
 /// The callable passed to `start` is kept alive until the task has finished, so a capturing
 /// lambda coroutine is safe there (unlike most places). A default-constructed `Task` refers to
 /// no task; only assignment and destruction are allowed on it.
