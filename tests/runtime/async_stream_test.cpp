@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <carrow/runtime/actor.h>
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/async_stream.h>
 #include <carrow/runtime/async_throwing_stream.h>
@@ -377,6 +378,58 @@ TEST(ContinuationStream, TerminationRunsOnceWhenFinishRacesConsumerCancellation)
     producer.join();
     EXPECT_EQ(terminations.count, 1) << "round " << round;
   }
+}
+
+class Reader : public Actor {
+ public:
+  // Reads `stream` to its end on the actor; counts the elements that found the code elsewhere.
+  Async<int> readAll(AsyncStream<int> stream) {
+    co_await enter();
+    auto iterator = stream.makeAsyncIterator();
+    int offActor = 0;
+    while (co_await iterator.next()) {
+      if (!isIsolated()) ++offActor;
+    }
+    co_return offActor;
+  }
+};
+
+TEST(ContinuationStream, ConsumerOnAnActorIsResumedOnTheActor) {
+  // The producer's yield only schedules the consumer; it never runs it on the producer thread.
+  auto [stream, continuation] = AsyncStream<int>::makeStream();
+  std::thread producer([continuation = continuation] {
+    for (int i = 0; i < 20; ++i) {
+      std::this_thread::sleep_for(1ms);
+      continuation.yield(i);
+    }
+    continuation.finish();
+  });
+  Reader reader;
+  const int offActor = runMain(
+      [&reader, stream = stream]() -> Async<int> { co_return co_await reader.readAll(stream); });
+  producer.join();
+  EXPECT_EQ(offActor, 0);
+}
+
+TEST(UnfoldingStream, StepOnTheMainActorReturnsToTheConsumersExecutor) {
+  // The shape of the library's timer streams: each step hops to the main actor and sleeps there.
+  auto stream = AsyncStream<bool>::unfolding([]() -> Async<std::optional<bool>> {
+    co_await MainActor::shared().enter();
+    co_await sleep(1ms);
+    co_return MainActor::isMainThread();
+  });
+  const auto results = runMain([stream]() -> Async<std::pair<int, int>> {
+    auto iterator = stream.makeAsyncIterator();
+    int onMain = 0;
+    int backOffMain = 0;
+    for (int i = 0; i < 3; ++i) {
+      if (*co_await iterator.next()) ++onMain;
+      if (!MainActor::isMainThread()) ++backOffMain;
+    }
+    co_return std::pair<int, int>(onMain, backOffMain);
+  });
+  EXPECT_EQ(results.first, 3);
+  EXPECT_EQ(results.second, 3);
 }
 
 }  // namespace

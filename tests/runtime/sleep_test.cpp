@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <carrow/runtime/actor.h>
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/cancellation.h>
 #include <carrow/runtime/run_main.h>
@@ -158,6 +159,35 @@ TEST(Sleep, CancellationRacingTheDeadlineEndsEachSleepExactlyOnce) {
   });
   EXPECT_EQ(counts.first + counts.second, kSleepers);
   EXPECT_GE(counts.first, kSleepers / 3 - 1);
+}
+
+class Sleeper : public Actor {
+ public:
+  // Sleeps on the actor and reports whether the code after the sleep ran on it again.
+  Async<bool> napAndCheck() {
+    co_await enter();
+    co_await sleep(2ms);
+    const bool back = isIsolated();
+    co_await sleepUntil(SuspendingClock::now() + 1ms);
+    co_return back&& isIsolated();
+  }
+};
+
+TEST(Sleep, ResumesOnTheActorItSleptOn) {
+  Sleeper sleeper;
+  const bool onActor =
+      runMain([&sleeper]() -> Async<bool> { co_return co_await sleeper.napAndCheck(); });
+  EXPECT_TRUE(onActor);
+}
+
+TEST(Sleep, OnTheMainActorComesBackToTheMainThread) {
+  // The timer streams sleep on the main actor; the thread blocked in runMain drives it.
+  const bool onMain = runMain([]() -> Async<bool> {
+    co_await MainActor::shared().enter();
+    co_await sleep(2ms);
+    co_return MainActor::isMainThread();
+  });
+  EXPECT_TRUE(onMain);
 }
 
 }  // namespace
