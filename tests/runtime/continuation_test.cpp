@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -87,10 +88,10 @@ TEST(ContinuationDeathTest, SecondResumeStopsTheProcessNamingTheContinuation) {
 
 TEST(Continuation, DroppedWithoutResumeIsReported) {
   // The task stays suspended forever; keep its handle reachable so leak checkers see it as such.
-  static auto* const parked = new std::optional<Task<void>>();
+  static auto* const parked = new std::vector<Task<void>>();
   testing::internal::CaptureStderr();
   std::atomic<bool> dropped{false};
-  parked->emplace(Task<void>::start([&dropped]() -> Async<void> {
+  parked->push_back(Task<void>::start([&dropped]() -> Async<void> {
     auto body = [&dropped](CheckedContinuation<void> continuation) {
       { CheckedContinuation<void> last = std::move(continuation); }  // the last copy goes here
       dropped = true;
@@ -102,7 +103,7 @@ TEST(Continuation, DroppedWithoutResumeIsReported) {
   EXPECT_NE(output.find("continuation 'forgotten' was destroyed without being resumed"),
             std::string::npos)
       << output;
-  EXPECT_FALSE((*parked)->isFinished());
+  EXPECT_FALSE(parked->back().isFinished());
 }
 
 }  // namespace
