@@ -1,4 +1,5 @@
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -110,6 +111,34 @@ TEST(CancellationHandler, CancelRacingRegistrationRunsTheHandlerAtMostOnceAndOnl
   }
   // Some rounds must have caught the cancel inside the scope or at entry.
   EXPECT_GT(ranInScope, 0);
+}
+
+// A cancellation that has already started the handler when the operation ends holds the call
+// back until the handler is done, so nothing the handler touches can be gone yet.
+TEST(CancellationHandler, ReturnWaitsForAHandlerThatIsStillRunning) {
+  runMain([]() -> Async<void> {
+    auto handlerStarted = std::make_shared<std::atomic<bool>>(false);
+    auto handlerFinished = std::make_shared<std::atomic<bool>>(false);
+    auto entered = std::make_shared<std::atomic<bool>>(false);
+    auto task = Task<bool>::start([=]() -> Async<bool> {
+      auto operation = [=]() -> Async<void> {
+        entered->store(true);
+        while (!handlerStarted->load()) co_await yieldNow();
+      };
+      auto onCancel = [=] {
+        handlerStarted->store(true);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        handlerFinished->store(true);
+      };
+      co_await withTaskCancellationHandler(operation, onCancel);
+      co_return handlerFinished->load();
+    });
+    while (!entered->load()) co_await yieldNow();
+    std::thread canceller([task] { task.cancel(); });
+    const bool finishedFirst = co_await task.value();
+    canceller.join();
+    EXPECT_TRUE(finishedFirst);
+  });
 }
 
 TEST(CancellationHandler, HandlerMayResumeTheContinuationTheOperationWaitsOn) {

@@ -2,6 +2,7 @@
 #include <memory>
 #include <set>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -164,6 +165,31 @@ TEST(ThrowingTaskGroup, CancellingTheParentCancelsChildrenButNotTheOtherWayRound
     };
     EXPECT_FALSE(co_await withThrowingTaskGroup<void>(body));
   });
+}
+
+// Children keep being added while another thread cancels the owner: every child must end up
+// cancelled, whether it was running, just adopted, or added afterwards (else this never ends).
+TEST(ThrowingTaskGroup, CancellationRacingAddTaskReachesEveryChild) {
+  for (int round = 0; round < 200; ++round) {
+    auto added = std::make_shared<std::atomic<int>>(0);
+    auto owner = Task<int>::start([added]() -> Async<int> {
+      auto body = [added](ThrowingTaskGroup<void>& group) -> Async<int> {
+        for (int i = 0; i < 20; ++i) {
+          group.addTask([]() -> Async<void> { co_await untilCancelled(); });
+          added->fetch_add(1);
+        }
+        co_await group.waitForAll();
+        co_return 0;
+      };
+      co_return co_await withThrowingTaskGroup<void>(body);
+    });
+    std::thread canceller([owner, added, round] {
+      while (added->load() < round % 20) std::this_thread::yield();
+      owner.cancel();
+    });
+    runMain([owner]() -> Async<void> { co_await owner.result(); });
+    canceller.join();
+  }
 }
 
 TEST(ThrowingTaskGroup, CancelAllReachesChildrenOfNestedGroups) {
