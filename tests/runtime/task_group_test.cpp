@@ -52,10 +52,12 @@ TEST(ThrowingTaskGroup, NextRethrowsAChildsErrorWithoutCancellingTheOthers) {
       int errors = 0;
       int successes = 0;
       group.addTask([]() -> Async<void> { co_return; });
-      for (;;) {
+      // g++ 12 never takes a `break` whose `if` awaits inside `for (;;)`: use a loop flag.
+      bool more = true;
+      while (more) {
         try {
-          if (!co_await group.next()) break;
-          ++successes;
+          more = co_await group.next();
+          if (more) ++successes;
         } catch (const std::runtime_error&) {
           ++errors;
         }
