@@ -1,0 +1,137 @@
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <carrow/runtime/actor.h>
+#include <carrow/runtime/async.h>
+#include <carrow/runtime/executor.h>
+#include <carrow/runtime/run_main.h>
+#include <carrow/runtime/task.h>
+
+namespace carrow {
+namespace {
+
+// A job that records the order it ran in and checks nothing else of its executor ran meanwhile.
+class RecordingJob final : public Job {
+ public:
+  RecordingJob(int producerIndex, int sequenceNumber, const Executor& owner,
+               std::atomic<int>& insideCounter, std::vector<std::vector<int>>& seenByProducer,
+               std::atomic<int>& finishedCount)
+      : producer(producerIndex),
+        sequence(sequenceNumber),
+        executor(owner),
+        inside(insideCounter),
+        seen(seenByProducer),
+        finished(finishedCount) {}
+
+  void run() noexcept override {
+    EXPECT_EQ(inside.fetch_add(1), 0);
+    EXPECT_TRUE(executor.isCurrent());
+    seen[producer].push_back(sequence);  // unsynchronised on purpose: the executor is serial
+    inside.fetch_sub(1);
+    finished.fetch_add(1, std::memory_order_release);
+  }
+
+  int producer;
+  int sequence;
+  const Executor& executor;
+  std::atomic<int>& inside;
+  std::vector<std::vector<int>>& seen;
+  std::atomic<int>& finished;
+};
+
+TEST(SerialExecutor, RunsJobsOneAtATimeInTheOrderEachProducerQueuedThem) {
+  constexpr int kProducers = 4;
+  constexpr int kJobsEach = 2000;
+  SerialExecutor serial;
+  std::atomic<int> inside{0};
+  std::atomic<int> finished{0};
+  std::vector<std::vector<int>> seen(kProducers);
+  std::vector<std::unique_ptr<RecordingJob>> jobs;
+  for (int p = 0; p < kProducers; ++p) {
+    for (int i = 0; i < kJobsEach; ++i) {
+      jobs.push_back(std::make_unique<RecordingJob>(p, i, serial, inside, seen, finished));
+    }
+  }
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p) {
+    producers.emplace_back([&, p] {
+      for (int i = 0; i < kJobsEach; ++i) serial.enqueue(*jobs[p * kJobsEach + i]);
+    });
+  }
+  for (auto& producer : producers) producer.join();
+  while (finished.load(std::memory_order_acquire) < kProducers * kJobsEach) {
+    std::this_thread::yield();
+  }
+  for (int p = 0; p < kProducers; ++p) {
+    ASSERT_EQ(seen[p].size(), static_cast<size_t>(kJobsEach));
+    for (int i = 0; i < kJobsEach; ++i) ASSERT_EQ(seen[p][i], i);
+  }
+  EXPECT_FALSE(serial.isCurrent());
+}
+
+TEST(GlobalExecutor, RunsJobsFromPlainThreadsOnItsWorkers) {
+  class CountingJob final : public Job {
+   public:
+    explicit CountingJob(std::atomic<int>& counter) : count(counter) {}
+    void run() noexcept override {
+      EXPECT_TRUE(globalExecutor().isCurrent());
+      count.fetch_add(1, std::memory_order_release);
+    }
+    std::atomic<int>& count;
+  };
+  std::atomic<int> count{0};
+  std::vector<std::unique_ptr<CountingJob>> jobs;
+  for (int i = 0; i < 1000; ++i) jobs.push_back(std::make_unique<CountingJob>(count));
+  for (auto& job : jobs) globalExecutor().enqueue(*job);
+  while (count.load(std::memory_order_acquire) < 1000) std::this_thread::yield();
+  EXPECT_FALSE(globalExecutor().isCurrent());
+}
+
+class Worker : public Actor {
+ public:
+  // Leaves the actor for the heavy part and reports where each part ran.
+  Async<std::vector<bool>> offload() {
+    co_await enter();
+    std::vector<bool> onActor{isIsolated()};
+    co_await hopTo(globalExecutor());
+    onActor.push_back(isIsolated());
+    co_return onActor;
+  }
+
+  Async<std::vector<bool>> callOffload() {
+    co_await enter();
+    std::vector<bool> parts = co_await offload();
+    parts.push_back(isIsolated());  // back on the actor once the callee returned
+    co_return parts;
+  }
+};
+
+TEST(HopTo, LeavesTheActorForTheRestOfTheFunctionOnly) {
+  auto worker = std::make_shared<Worker>();
+  const auto parts =
+      runMain([worker]() -> Async<std::vector<bool>> { co_return co_await worker->callOffload(); });
+  EXPECT_EQ(parts, (std::vector<bool>{true, false, true}));
+}
+
+TEST(Actor, AwaitingATaskFromAnActorComesBackToTheActor) {
+  auto worker = std::make_shared<Worker>();
+  runMain([worker]() -> Async<void> {
+    auto operation = [](Worker& actor) -> Async<bool> {
+      co_await actor.enter();
+      auto task = Task<int>::start([]() -> Async<int> {
+        co_await yieldNow();
+        co_return 3;
+      });
+      const int value = co_await task.value();
+      co_return value == 3 && actor.isIsolated();
+    };
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(co_await operation(*worker));
+  });
+}
+
+}  // namespace
+}  // namespace carrow
