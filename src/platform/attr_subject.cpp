@@ -6,8 +6,15 @@
 #include <string_view>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include <unordered_map>
+
+#include <carrow/platform/unfair_lock.h>
 
 #include "volume_traits.h"
+
+#ifndef STATX_MNT_ID_UNIQUE
+#define STATX_MNT_ID_UNIQUE 0x00004000U  // Linux 6.8: a mount id that is never reused
+#endif
 
 namespace carrow::platform::detail {
 namespace {
@@ -15,7 +22,41 @@ namespace {
 // Never trigger an automount, and take what the kernel has at hand rather than asking a network
 // file system's server for fresh attributes.
 constexpr int kLookupFlags = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
-constexpr unsigned int kStatxFields = STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID;
+constexpr unsigned int kStatxFields = STATX_BASIC_STATS | STATX_BTIME;
+
+// The type number of each mount seen, by its never-reused id: a file-system id then costs no
+// statfs call. Bounded; cleared when full, since it only saves work.
+class TypeNumberCache {
+ public:
+  std::optional<std::uint32_t> find(std::uint64_t mountId) {
+    os_unfair_lock_lock(&lock_);
+    auto found = numbers_.find(mountId);
+    std::optional<std::uint32_t> result;
+    if (found != numbers_.end()) result = found->second;
+    os_unfair_lock_unlock(&lock_);
+    return result;
+  }
+  void insert(std::uint64_t mountId, std::uint32_t number) {
+    os_unfair_lock_lock(&lock_);
+    if (numbers_.size() >= kLimit) numbers_.clear();
+    try {
+      numbers_.emplace(mountId, number);
+    } catch (...) {
+      // Out of memory: the cache only saves work.
+    }
+    os_unfair_lock_unlock(&lock_);
+  }
+
+ private:
+  static constexpr std::size_t kLimit = 4096;
+  os_unfair_lock lock_ = OS_UNFAIR_LOCK_INIT;
+  std::unordered_map<std::uint64_t, std::uint32_t> numbers_;
+};
+
+TypeNumberCache& typeNumbers() {
+  static auto* cache = new TypeNumberCache();  // Never destroyed: callers may run during exit.
+  return *cache;
+}
 
 std::string_view trimTrailingSlashes(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
@@ -51,7 +92,8 @@ AttrSubject::~AttrSubject() {
 
 int AttrSubject::lookUp() {
   int flags = kLookupFlags | (noFollow_ ? AT_SYMLINK_NOFOLLOW : 0);
-  if (statx(AT_FDCWD, path_, flags, kStatxFields, &stat_) != 0) return errno;
+  unsigned int fields = kStatxFields | (forVolume_ ? STATX_MNT_ID : STATX_MNT_ID_UNIQUE);
+  if (statx(AT_FDCWD, path_, flags, fields, &stat_) != 0) return errno;
   return 0;
 }
 
@@ -93,6 +135,18 @@ const struct ::statfs* AttrSubject::fileSystem() {
     fileSystemValid_ = ::statfs(target.c_str(), &fileSystem_) == 0;
   }
   return fileSystemValid_ ? &fileSystem_ : nullptr;
+}
+
+std::optional<std::uint32_t> AttrSubject::fileSystemType() {
+  const bool unique = has(STATX_MNT_ID_UNIQUE);
+  if (unique) {
+    if (auto known = typeNumbers().find(stat_.stx_mnt_id)) return known;
+  }
+  const auto* fs = fileSystem();
+  if (fs == nullptr) return std::nullopt;
+  auto number = static_cast<std::uint32_t>(fs->f_type);
+  if (unique) typeNumbers().insert(stat_.stx_mnt_id, number);
+  return number;
 }
 
 const MountEntry* AttrSubject::mount() {
@@ -146,7 +200,7 @@ std::optional<std::uint64_t> AttrSubject::parentId() {
 bool AttrSubject::journaled() {
   if (!journaled_) {
     const MountEntry* entry = mount();
-    journaled_ = entry != nullptr && journalActive(*entry);
+    journaled_ = entry != nullptr && mounts_->journaled(*entry);
   }
   return *journaled_;
 }

@@ -18,7 +18,10 @@ namespace carrow::platform::detail {
 
 class AttrSubject {
  public:
-  AttrSubject(const char* path, bool noFollow) : path_(path), noFollow_(noFollow) {}
+  /// `forVolume` asks for the mount id that the mount table knows, which a volume read needs;
+  /// other reads ask for the never-reused id that keys the type-number cache.
+  AttrSubject(const char* path, bool noFollow, bool forVolume)
+      : path_(path), noFollow_(noFollow), forVolume_(forVolume) {}
   ~AttrSubject();
   AttrSubject(const AttrSubject&) = delete;
   AttrSubject& operator=(const AttrSubject&) = delete;
@@ -42,6 +45,9 @@ class AttrSubject {
   /// The statistics of the file system the object lies on.
   const struct ::statfs* fileSystem();
 
+  /// The statfs type number of that file system; remembered per mount, as it cannot change.
+  std::optional<std::uint32_t> fileSystemType();
+
   /// The mount the object lies on.
   const MountEntry* mount();
 
@@ -64,6 +70,7 @@ class AttrSubject {
 
   const char* path_;
   bool noFollow_;
+  bool forVolume_;
   struct statx stat_ {};
 
   bool realPathDone_ = false;

@@ -29,7 +29,7 @@ enum class Source : std::uint8_t {
   returnedAttributes,     // the reply's own returned-attributes set
   name,                   // last path component
   deviceId,               // statx stx_dev
-  fsid,                   // statx stx_dev and statfs f_type
+  fsid,                   // statx stx_dev and statfs f_type, remembered per mount
   objectType,             // statx stx_mode
   objectId,               // statx stx_ino (low 32 bits), generation 0
   parentObjectId,         // statx of the parent directory
@@ -351,12 +351,12 @@ std::optional<std::uint32_t> entryCount(const char* path) {
 }
 
 std::optional<fsid_t> fileSystemId(AttrSubject& subject) {
-  const auto* fileSystem = subject.fileSystem();
-  if (fileSystem == nullptr) return std::nullopt;
+  auto type = subject.fileSystemType();
+  if (!type) return std::nullopt;
   fsid_t id{};
   id.val[0] = static_cast<std::int32_t>(
       detail::encodeDevice(subject.stat().stx_dev_major, subject.stat().stx_dev_minor));
-  id.val[1] = static_cast<std::int32_t>(static_cast<std::uint32_t>(fileSystem->f_type));
+  id.val[1] = static_cast<std::int32_t>(*type);
   return id;
 }
 
@@ -625,7 +625,7 @@ int getattrlist(const char* path, void* attrList, void* attrBuf, std::size_t att
   if (attrBuf == nullptr) return fail(EFAULT);
   if (attrBufSize < sizeof(std::uint32_t)) return fail(ERANGE);
 
-  AttrSubject subject(path, (options & FSOPT_NOFOLLOW) != 0);
+  AttrSubject subject(path, (options & FSOPT_NOFOLLOW) != 0, wantsVolume);
   if (int error = subject.lookUp(); error != 0) return fail(error);
   // Volume attributes describe a volume through its root: any other path is refused.
   if (wantsVolume && !subject.isMountRoot()) return fail(EINVAL);

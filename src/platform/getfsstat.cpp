@@ -42,7 +42,8 @@ std::uint32_t owner(const MountEntry& entry) {
   return 0;
 }
 
-void fill(statfs& record, const MountEntry& entry, bool touch) {
+void fill(statfs& record, const detail::MountSnapshot& mounts, const MountEntry& entry,
+          bool touch) {
   record = statfs{};
   std::uint32_t type = detail::typeNumberForName(entry.fsType);
   struct ::statfs sizes {};
@@ -61,7 +62,7 @@ void fill(statfs& record, const MountEntry& entry, bool touch) {
   record.f_fsid.val[1] = static_cast<std::int32_t>(type);
   record.f_owner = owner(entry);
   record.f_type = type;
-  bool journaled = touch && detail::journalActive(entry);
+  bool journaled = touch && mounts.journaled(entry);
   record.f_flags = detail::mountFlags(entry, journaled);
   copyText(record.f_fstypename, entry.fsType);
   copyText(record.f_mntonname, entry.mountPoint);
@@ -97,7 +98,7 @@ int getfsstat(statfs* buf, int bufsize, int mode) {
   for (const auto& entry : entries) {
     if (written == capacity) break;
     if (!fits(entry)) continue;
-    fill(buf[written++], entry, !(noWait && mounts->mayBlock(entry)));
+    fill(buf[written++], *mounts, entry, !(noWait && mounts->mayBlock(entry)));
   }
   return static_cast<int>(written);
 }

@@ -1,14 +1,21 @@
 #include "mount_cache.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <carrow/platform/unfair_lock.h>
 
+#include "volume_traits.h"
+
 namespace carrow::platform::detail {
 
-MountSnapshot::MountSnapshot(std::vector<MountEntry> entries) : entries_(std::move(entries)) {
+MountSnapshot::MountSnapshot(std::vector<MountEntry> entries)
+    : entries_(std::move(entries)),
+      journaled_(std::make_unique<std::atomic<std::int8_t>[]>(entries_.size())) {
+  for (std::size_t i = 0; i < entries_.size(); ++i) journaled_[i].store(-1);
   byId_.reserve(entries_.size());
   // A later line for the same id cannot occur in a kernel table; keep the first if a file has it.
   for (std::size_t i = 0; i < entries_.size(); ++i) byId_.emplace(entries_[i].id, i);
@@ -51,17 +58,39 @@ bool MountSnapshot::mayBlock(const MountEntry& entry) const noexcept {
   return false;
 }
 
+bool MountSnapshot::journaled(const MountEntry& entry) const {
+  auto index = static_cast<std::size_t>(&entry - entries_.data());
+  std::int8_t known = journaled_[index].load(std::memory_order_relaxed);
+  if (known < 0) {
+    // Two threads may both work it out; they store the same answer.
+    known = journalActive(entry) ? 1 : 0;
+    journaled_[index].store(known, std::memory_order_relaxed);
+  }
+  return known == 1;
+}
+
 namespace {
+
+// Counts forks in the child: a child must open its own copy of the table's file, since polling
+// the one it shares with its parent would clear the parent's change mark.
+std::atomic<std::uint64_t> forkGeneration{0};
+
+void afterForkInChild() {
+  forkGeneration.fetch_add(1, std::memory_order_relaxed);
+}
 
 struct Cache {
   os_unfair_lock lock = OS_UNFAIR_LOCK_INIT;
-  int fd = -1;     // an open /proc/self/mountinfo whose poll state tracks our last read
-  pid_t pid = -1;  // the process that opened `fd`; a forked child must not poll its parent's file
+  int fd = -1;  // an open /proc/self/mountinfo whose poll state tracks our last read
+  std::uint64_t generation = ~std::uint64_t{0};  // the fork generation that opened `fd`
   std::shared_ptr<const MountSnapshot> snapshot;
 };
 
 Cache& cache() {
-  static Cache* instance = new Cache();  // Never destroyed: callers may run during exit.
+  static Cache* instance = [] {
+    pthread_atfork(nullptr, nullptr, afterForkInChild);
+    return new Cache();  // Never destroyed: callers may run during exit.
+  }();
   return *instance;
 }
 
@@ -81,11 +110,11 @@ class Guard {
 std::shared_ptr<const MountSnapshot> currentMounts() {
   Cache& state = cache();
   Guard guard(state.lock);
-  pid_t self = getpid();
-  if (state.pid != self) {
+  std::uint64_t generation = forkGeneration.load(std::memory_order_relaxed);
+  if (state.generation != generation) {
     if (state.fd >= 0) close(state.fd);
     state.fd = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-    state.pid = self;
+    state.generation = generation;
     state.snapshot.reset();
   }
   bool stale = state.snapshot == nullptr || state.fd < 0;

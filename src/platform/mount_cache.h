@@ -3,6 +3,7 @@
 // The process's mount table, kept between calls and re-read only when the kernel reports a
 // change, so that describing one volume does not cost a parse of the whole table.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
@@ -32,9 +33,15 @@ class MountSnapshot {
   /// the way to its mount point, is a network or automounted file system.
   bool mayBlock(const MountEntry& entry) const noexcept;
 
+  /// Whether the file system of `entry` (one of `entries()`) keeps an active journal. Worked out
+  /// once per snapshot: a journal is not switched on or off while its file system stays mounted.
+  bool journaled(const MountEntry& entry) const;
+
  private:
   std::vector<MountEntry> entries_;
   std::unordered_map<int, std::size_t> byId_;
+  // Per entry: -1 not yet known, 0 no journal, 1 an active journal.
+  std::unique_ptr<std::atomic<std::int8_t>[]> journaled_;
 };
 
 /// The current mount table. Re-reads /proc/self/mountinfo only when it changed since the last

@@ -11,6 +11,7 @@
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -570,6 +571,25 @@ TEST(GetAttrList, NewMountIsSeenAtOnceWithItsEscapedName) {
   ASSERT_EQ(dirReply.rc, 0);
   EXPECT_EQ(ParsedReply(dirReply.bytes).value<std::uint32_t>(kDirectory, ATTR_DIR_MOUNTSTATUS),
             DIR_MNTSTATUS_MNTPOINT);
+}
+
+TEST(GetAttrList, ForkedChildDoesNotHideMountChangesFromItsParent) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting needs privileges";
+  TempTree tree;
+  std::string point = tree.directory("mnt");
+  int before = getfsstat(nullptr, 0, MNT_NOWAIT);  // The parent now holds a current table.
+  if (mount("carrow-fork", point.c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "cannot mount here: " << strerror(errno);
+  }
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(getfsstat(nullptr, 0, MNT_NOWAIT) == before + 1 ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  int after = getfsstat(nullptr, 0, MNT_NOWAIT);
+  umount(point.c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child saw the new mount";
+  EXPECT_EQ(after, before + 1) << "the parent saw it too, after the child looked";
 }
 
 TEST(GetAttrList, ConcurrentReadsAgree) {
