@@ -62,7 +62,8 @@ void fill(statfs& record, const detail::MountSnapshot& mounts, const MountEntry&
   record.f_fsid.val[1] = static_cast<std::int32_t>(type);
   record.f_owner = owner(entry);
   record.f_type = type;
-  bool journaled = touch && mounts.journaled(entry);
+  // The journal is found in /sys and /proc, never on the file system itself.
+  bool journaled = mounts.journaled(entry);
   record.f_flags = detail::mountFlags(entry, journaled);
   copyText(record.f_fstypename, entry.fsType);
   copyText(record.f_mntonname, entry.mountPoint);
@@ -98,7 +99,9 @@ int getfsstat(statfs* buf, int bufsize, int mode) {
   for (const auto& entry : entries) {
     if (written == capacity) break;
     if (!fits(entry)) continue;
-    fill(buf[written++], *mounts, entry, !(noWait && mounts->mayBlock(entry)));
+    // A covered mount's path leads to the file system on top: its sizes cannot be asked for.
+    bool touch = !(noWait && mounts->mayBlock(entry)) && !mounts->isCovered(entry);
+    fill(buf[written++], *mounts, entry, touch);
   }
   return static_cast<int>(written);
 }

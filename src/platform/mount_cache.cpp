@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <string_view>
 #include <unistd.h>
 
 #include <carrow/platform/unfair_lock.h>
@@ -19,6 +20,61 @@ MountSnapshot::MountSnapshot(std::vector<MountEntry> entries)
   byId_.reserve(entries_.size());
   // A later line for the same id cannot occur in a kernel table; keep the first if a file has it.
   for (std::size_t i = 0; i < entries_.size(); ++i) byId_.emplace(entries_[i].id, i);
+
+  markCovered();
+}
+
+namespace {
+
+bool isProperAncestor(std::string_view directory, std::string_view path) {
+  if (directory == "/") return path.size() > 1 && path.front() == '/';
+  return path.size() > directory.size() && path.starts_with(directory)
+         && path[directory.size()] == '/';
+}
+
+}  // namespace
+
+void MountSnapshot::markCovered() {
+  // A mount is hidden by a mount stacked on it (same mount point, mounted on it), or by a mount
+  // on one of its ancestor mounts at a directory above the one the path continues through.
+  std::unordered_map<int, std::vector<std::size_t>> children;
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    if (entries_[i].parentId != entries_[i].id) children[entries_[i].parentId].push_back(i);
+  }
+  auto childrenOf = [&](int id) -> const std::vector<std::size_t>* {
+    auto found = children.find(id);
+    return found == children.end() ? nullptr : &found->second;
+  };
+  covered_.assign(entries_.size(), false);
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    const MountEntry& entry = entries_[i];
+    bool covered = false;
+    if (const auto* above = childrenOf(entry.id)) {
+      for (std::size_t c : *above) covered = covered || entries_[c].mountPoint == entry.mountPoint;
+    }
+    const MountEntry* below = &entry;
+    const MountEntry* ancestor = byId(entry.parentId);
+    // The depth bound guards against a cycle of parent ids in a damaged table.
+    for (std::size_t depth = 0;
+         !covered && ancestor != nullptr && ancestor != below && depth <= entries_.size();
+         ++depth) {
+      if (const auto* siblings = childrenOf(ancestor->id)) {
+        for (std::size_t c : *siblings) {
+          if (&entries_[c] != below
+              && isProperAncestor(entries_[c].mountPoint, below->mountPoint)) {
+            covered = true;
+          }
+        }
+      }
+      below = ancestor;
+      ancestor = ancestor->parentId == ancestor->id ? nullptr : byId(ancestor->parentId);
+    }
+    covered_[i] = covered;
+  }
+}
+
+bool MountSnapshot::isCovered(const MountEntry& entry) const noexcept {
+  return covered_[static_cast<std::size_t>(&entry - entries_.data())];
 }
 
 const MountEntry* MountSnapshot::byId(int id) const noexcept {

@@ -33,13 +33,20 @@ class MountSnapshot {
   /// the way to its mount point, is a network or automounted file system.
   bool mayBlock(const MountEntry& entry) const noexcept;
 
+  /// Whether `entry` (one of `entries()`) is hidden by a later mount on its mount point or on a
+  /// directory above it, so that its path leads to another file system.
+  bool isCovered(const MountEntry& entry) const noexcept;
+
   /// Whether the file system of `entry` (one of `entries()`) keeps an active journal. Worked out
   /// once per snapshot: a journal is not switched on or off while its file system stays mounted.
   bool journaled(const MountEntry& entry) const;
 
  private:
+  void markCovered();
+
   std::vector<MountEntry> entries_;
   std::unordered_map<int, std::size_t> byId_;
+  std::vector<bool> covered_;
   // Per entry: -1 not yet known, 0 no journal, 1 an active journal.
   std::unique_ptr<std::atomic<std::int8_t>[]> journaled_;
 };

@@ -1,13 +1,17 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <sys/mount.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <carrow/platform/mount.h>
 #include <carrow/platform/mount_table.h>
+
+#include "temp_tree.h"
 
 namespace carrow::platform {
 namespace {
@@ -72,6 +76,33 @@ TEST(GetFsStat, RootRecordCarriesSizesAndFlags) {
       EXPECT_NE(record.f_flags & MNT_DONTBROWSE, 0u) << record.f_mntonname;
     }
   }
+}
+
+TEST(GetFsStat, StackedMountsAreListedButOnlyTheTopOneIsMeasured) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting needs privileges";
+  testing::TempTree tree;
+  std::string point = tree.directory("stack");
+  if (mount("carrow-lower", point.c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "cannot mount here: " << strerror(errno);
+  }
+  ASSERT_EQ(mount("carrow-upper", point.c_str(), "tmpfs", 0, "size=2m"), 0);
+  auto records = list(MNT_NOWAIT, static_cast<std::size_t>(getfsstat(nullptr, 0, MNT_NOWAIT)) + 4);
+  umount(point.c_str());
+  umount(point.c_str());
+
+  const statfs* lower = nullptr;
+  const statfs* upper = nullptr;
+  for (const auto& record : records) {
+    if (std::string(record.f_mntfromname) == "carrow-lower") lower = &record;
+    if (std::string(record.f_mntfromname) == "carrow-upper") upper = &record;
+  }
+  ASSERT_NE(lower, nullptr);
+  ASSERT_NE(upper, nullptr);
+  EXPECT_LT(lower, upper) << "table order";
+  EXPECT_EQ(std::string(lower->f_mntonname), std::string(upper->f_mntonname));
+  EXPECT_EQ(std::uint64_t{upper->f_blocks} * upper->f_bsize, 2u << 20);
+  EXPECT_EQ(lower->f_blocks, 0u) << "the covered mount's path leads to the upper one";
+  EXPECT_EQ(lower->f_type, upper->f_type) << "the type is known from the table";
 }
 
 }  // namespace
