@@ -55,10 +55,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto request =
       AttrList::request(keys, AttrList::Options(input.ConsumeIntegral<std::uint8_t>()));
   std::int64_t reserved = 24;
+  bool volumeKeys = false, volumeInfo = false;
   for (const auto& key : keys) {
     reserved += key.bufferEntryKind().bufferSize();
-    if (request.attributes.commonattr == 0) std::abort();
+    volumeKeys |= key.rawKey().kind() == RawAttrKey::Kind::volume;
+    volumeInfo |= key == AttrList::Key(AttrList::Key::volInfo);
+    if (!(request.attributes.commonattr & 0x80000000)) std::abort();
   }
+  if (volumeKeys && !volumeInfo) reserved += 4;  // room for the volume-information word
   if (request.bufferSize != std::size_t(reserved)) std::abort();
 
   // The reply in a buffer of its own size, so that any read past it is caught.

@@ -61,13 +61,22 @@ AttrList::Request AttrList::request(std::span<const Key> keys, Options options) 
   Request request;
   request.attributes.commonattr = kReturnedAttributesBit;
   std::int64_t size = kHeaderSize;
+  bool asksForVolumeInfo = false;
   for (const Key& key : keys) {
     const RawAttrKey& raw = key.rawKey();
     word(request.attributes, raw.kind()) |= raw.attrBit();
-    if (raw.kind() == RawAttrKey::Kind::volume) request.attributes.volattr |= kVolumeInfoBit;
+    if (raw.kind() == RawAttrKey::Kind::volume) {
+      request.attributes.volattr |= kVolumeInfoBit;
+      asksForVolumeInfo |= raw.attrBit() == kVolumeInfoBit;
+    }
     const std::int64_t reserve = key.bufferEntryKind().bufferSize();
     if (reserve < 0) fatalError(kLabel, __LINE__, "negative buffer size of " + key.description());
     size = checkedAdd(size, reserve, kLabel, __LINE__);
+  }
+  // The volume-information bit that every volume request carries may come back as a 4-byte entry
+  // of its own (after all other volume entries); room for it keeps such a reply in the buffer.
+  if (request.attributes.volattr != 0 && !asksForVolumeInfo) {
+    size = checkedAdd<std::int64_t>(size, 4, kLabel, __LINE__);
   }
   request.bufferSize = std::size_t(size);
   request.kernelOptions = kReportFullSize | kExtendedCommon;

@@ -147,6 +147,12 @@ TEST_F(AttrListReadTest, ConcurrentReadsAgree) {
   EXPECT_EQ(mismatches, 0);
 }
 
+TEST(AttrListVolumeRead, OneFixedVolumeAttribute) {
+  // The reply also carries the volume-information word, which its buffer must hold.
+  EXPECT_GT(AttrList::attribute<std::int64_t>(Key::volumeSize, FileURL("/"), {}), 0);
+  EXPECT_NO_THROW(AttrList::attributes("/", {Key::fsType}, {}));
+}
+
 TEST(AttrListVolumeRead, RootVolumeAttributes) {
   const auto values = AttrList::attributes(
       "/", {Key::volumeSize, Key::spaceFree, Key::mountPoint, Key::filesystemTypeName},

@@ -23,7 +23,10 @@ TEST(AttrListRequest, AnyVolumeKeyAddsTheVolumeInfoBit) {
   const std::vector<Key> keys = {Key::volumeSize};
   const auto request = AttrList::request(keys, {});
   EXPECT_EQ(request.attributes, (AttributeSet{0x80000000, 0x80000004, 0, 0, 0}));
-  EXPECT_EQ(request.bufferSize, 24u + 8u);
+  // Room for the volume-information word too, which the kernel may return as an entry.
+  EXPECT_EQ(request.bufferSize, 24u + 8u + 4u);
+  const std::vector<Key> withInfo = {Key::volumeSize, Key::volInfo};
+  EXPECT_EQ(AttrList::request(withInfo, {}).bufferSize, 24u + 8u + 4u);
 }
 
 TEST(AttrListRequest, EmptyRequestHoldsOnlyTheReturnedSet) {
@@ -38,7 +41,7 @@ TEST(AttrListRequest, EachGroupHasItsOwnWord) {
   const auto request = AttrList::request(keys, {});
   EXPECT_EQ(request.attributes,
             (AttributeSet{0x88000000, 0x80100000, 0x00000002, 0x00000001, 0x00000080}));
-  EXPECT_EQ(request.bufferSize, 24u + 4 + 4 + 8 + 1032 + 24);
+  EXPECT_EQ(request.bufferSize, 24u + 4 + 4 + 8 + 1032 + 24 + 4);
 }
 
 TEST(AttrListRequest, OptionsMapToKernelOptions) {

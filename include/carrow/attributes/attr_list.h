@@ -80,6 +80,8 @@ class AttrList {
   static T attribute(const Key& key, const FileURL& url, Options options);
 
   /// The request that `attributes` sends for `keys`: its bitmaps, buffer size and kernel options.
+  /// The buffer holds the header and every key at its largest, and, with volume keys, the
+  /// volume-information word that such a request always carries and a reply may return.
   static Request request(std::span<const Key> keys, Options options);
 
   /// Walks a reply buffer as the kernel fills it. Never reads outside `reply`: a reply whose
