@@ -63,7 +63,7 @@ enum class Source : std::uint8_t {
   volumeUUID,             // FS_IOC_GETFSUUID or /dev/disk/by-uuid
   volumeAttributes,       // this table
   volumeTypeName,         // mount table type
-  volumeInfo,             // a 4-byte word after the other volume entries
+  volumeInfo,             // a 4-byte word, 0, after the other volume entries
   directoryLinkCount,     // statx stx_nlink
   directoryEntryCount,    // readdir
   directoryMountStatus,   // STATX_ATTR_MOUNT_ROOT, STATX_ATTR_AUTOMOUNT
@@ -689,7 +689,7 @@ int getattrlist(const char* path, void* attrList, void* attrBuf, std::size_t att
     const Value& value = entries[i].value;
     const std::size_t slot = roundUp4(attribute.size);
     if (attribute.variable) {
-      attrreference_t reference{};
+      attrreference_t reference{};  // Zero for an attribute packed only to keep the layout.
       if (value.present) {
         const std::size_t length = value.text.size() + 1;
         reference.attr_dataoffset = static_cast<std::int32_t>(dataCursor - cursor);

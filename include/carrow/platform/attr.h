@@ -314,6 +314,8 @@ inline constexpr std::uint32_t SF_APPEND = 0x00040000;
 /// attributes of a path that is not the root of a mount, and for FSOPT_PACK_INVAL_ATTRS without
 /// ATTR_CMN_RETURNED_ATTRS; ERANGE when `attrBufSize` cannot hold the length word; EFAULT for a
 /// null request or buffer. FSOPT_RETURN_REALDEV is accepted: Linux reports the real device anyway.
+/// Paths may be as long as Linux allows; a full path of MAXPATHLEN bytes or more, which the
+/// platform could not return, is left out of the reply rather than cut.
 int getattrlist(const char* path, void* attrList, void* attrBuf, std::size_t attrBufSize,
                 unsigned int options);
 

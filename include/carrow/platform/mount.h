@@ -84,8 +84,10 @@ inline constexpr std::uint32_t MNT_SNAPSHOT = 0x40000000;
 /// Fills `buf` with one record per mounted file system, in mount-table order, and returns how many
 /// it wrote: as many as fit in `bufsize` bytes. With a null `buf`, returns the number of mounted
 /// file systems. With MNT_NOWAIT a network or automounted file system is described from the mount
-/// table alone (its sizes are 0), so a server that does not answer cannot block the listing.
-/// Returns -1 with errno when the mount table cannot be read.
+/// table alone (its sizes are 0), so a server that does not answer cannot block the listing. A
+/// mount hidden under a later one is listed with sizes 0: its path leads to the one on top.
+/// Mount points of MAXPATHLEN bytes or more are left out. Returns -1 with errno when the mount
+/// table cannot be read.
 int getfsstat(statfs* buf, int bufsize, int mode);
 
 }  // namespace carrow::platform
