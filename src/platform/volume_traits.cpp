@@ -260,6 +260,8 @@ std::optional<std::string> volumeLabel(int fd) {
 }
 
 std::optional<std::array<unsigned char, 16>> volumeUUID(int fd, const MountEntry& entry) {
+  // Kernel interfaces get a random UUID at each mount; it names no volume worth telling apart.
+  if (entry.isPseudo) return std::nullopt;
   fsuuid2 answer{};
   if (fd >= 0 && ioctl(fd, FS_IOC_GETFSUUID, &answer) == 0 && answer.len == 16
       && !allZero(answer.uuid, 16)) {

@@ -38,8 +38,8 @@ vol_capabilities_attr_t capabilities(const std::string& fsType, bool journaled);
 /// The volume label of the file system that `fd` lies on, if it has a non-empty one.
 std::optional<std::string> volumeLabel(int fd);
 
-/// The UUID of the file system that `fd` lies on, if it has one that is not all zeros. Asks the
-/// file system first, then the udev links under /dev/disk/by-uuid for its device.
+/// The UUID of the file system that `fd` lies on, if it has one that is not all zeros and is not
+/// a kernel interface. Asks the file system first, then the udev links under /dev/disk/by-uuid.
 std::optional<std::array<unsigned char, 16>> volumeUUID(int fd, const MountEntry& entry);
 
 }  // namespace carrow::platform::detail
