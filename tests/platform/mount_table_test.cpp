@@ -1,7 +1,10 @@
+#include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <string>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -99,6 +102,21 @@ TEST(MountTable, BadInputIsAClearError) {
     EXPECT_EQ(error.code().value(), ENOENT);
   }
   EXPECT_TRUE(parse("").empty());
+}
+
+TEST(MountTable, ConcurrentReadsAgree) {
+  auto reference = readMountTable();
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) {
+        if (readMountTable().size() != reference.size()) ++mismatches;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST(MountTable, LiveTableHasTheRoot) {
