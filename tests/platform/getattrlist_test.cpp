@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -571,6 +572,52 @@ TEST(GetAttrList, NewMountIsSeenAtOnceWithItsEscapedName) {
   ASSERT_EQ(dirReply.rc, 0);
   EXPECT_EQ(ParsedReply(dirReply.bytes).value<std::uint32_t>(kDirectory, ATTR_DIR_MOUNTSTATUS),
             DIR_MNTSTATUS_MNTPOINT);
+}
+
+TEST(GetAttrList, JournaledDiskImageReportsLabelUuidAndJournal) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting needs privileges";
+  TempTree tree;
+  std::string image = (tree.root() / "disk.img").string();
+  std::string point = tree.directory("disk");
+  std::string make = "truncate -s 16M '" + image + "' && mkfs.ext4 -q -F -L 'Backup Disk' -U "
+                     "12345678-9abc-def0-1234-56789abcdef0 '" + image + "' >/dev/null 2>&1";
+  if (std::system(make.c_str()) != 0) GTEST_SKIP() << "mkfs.ext4 is not available";
+  std::string attach = "mount -o loop '" + image + "' '" + point + "' >/dev/null 2>&1";
+  if (std::system(attach.c_str()) != 0) GTEST_SKIP() << "loop devices are not available";
+  auto list = request(ATTR_CMN_RETURNED_ATTRS, ATTR_VOL_INFO | ATTR_VOL_NAME | ATTR_VOL_UUID
+                                                   | ATTR_VOL_MOUNTFLAGS | ATTR_VOL_MOUNTEDDEVICE
+                                                   | ATTR_VOL_CAPABILITIES | ATTR_VOL_FSTYPENAME);
+  auto reply = call(point, list, kOptions);
+  std::vector<statfs> records(static_cast<std::size_t>(getfsstat(nullptr, 0, MNT_NOWAIT)) + 4);
+  int count =
+      getfsstat(records.data(), static_cast<int>(records.size() * sizeof(statfs)), MNT_NOWAIT);
+  umount(point.c_str());
+
+  ASSERT_EQ(reply.rc, 0) << strerror(reply.error);
+  ParsedReply parsed(reply.bytes);
+  EXPECT_EQ(parsed.text(kVolume, ATTR_VOL_NAME), "Backup Disk");
+  const unsigned char expectedUuid[16] = {0x12, 0x34, 0x56, 0x78, 0x9a, 0xbc, 0xde, 0xf0,
+                                          0x12, 0x34, 0x56, 0x78, 0x9a, 0xbc, 0xde, 0xf0};
+  auto uuid = parsed.value<guid_t>(kVolume, ATTR_VOL_UUID);
+  EXPECT_EQ(std::memcmp(uuid.g_guid, expectedUuid, 16), 0);
+  EXPECT_EQ(parsed.text(kVolume, ATTR_VOL_FSTYPENAME), "ext4");
+  EXPECT_EQ(parsed.text(kVolume, ATTR_VOL_MOUNTEDDEVICE).rfind("/dev/loop", 0), 0u);
+  auto flags = parsed.value<std::uint32_t>(kVolume, ATTR_VOL_MOUNTFLAGS);
+  EXPECT_EQ(flags & (MNT_JOURNALED | MNT_LOCAL), MNT_JOURNALED | MNT_LOCAL);
+  auto capabilities = parsed.value<vol_capabilities_attr_t>(kVolume, ATTR_VOL_CAPABILITIES);
+  std::uint32_t journal = VOL_CAP_FMT_JOURNAL | VOL_CAP_FMT_JOURNAL_ACTIVE;
+  EXPECT_EQ(capabilities.capabilities[VOL_CAPABILITIES_FORMAT] & journal, journal);
+  EXPECT_EQ(capabilities.valid[VOL_CAPABILITIES_FORMAT] & journal, journal);
+
+  std::string canonical = std::filesystem::canonical(point).string();
+  bool listed = false;
+  for (int i = 0; i < count; ++i) {
+    if (records[i].f_mntonname != canonical) continue;
+    listed = true;
+    EXPECT_EQ(records[i].f_flags & MNT_JOURNALED, MNT_JOURNALED);
+    EXPECT_GT(std::uint64_t{records[i].f_blocks} * records[i].f_bsize, std::uint64_t{8} << 20);
+  }
+  EXPECT_TRUE(listed);
 }
 
 TEST(GetAttrList, ForkedChildDoesNotHideMountChangesFromItsParent) {
