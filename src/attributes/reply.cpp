@@ -51,6 +51,27 @@ const AttrList::BufferEntryKind& unnamedEntry() {
   return entry;
 }
 
+// For each group, its 32 bit numbers in reply order: by the position of each bit's named key, or
+// of the bit itself when it has none. Built once; walking a reply in this order needs no sort.
+using GroupOrder = std::array<std::uint8_t, 32>;
+const std::array<GroupOrder, 5>& replyOrder() {
+  static const auto order = [] {
+    std::array<GroupOrder, 5> groups{};
+    for (std::size_t group = 0; group < groups.size(); ++group) {
+      std::array<std::pair<double, std::uint8_t>, 32> positions;
+      for (std::uint8_t bitNumber = 0; bitNumber < 32; ++bitNumber) {
+        const AttrList::Key key(RawAttrKey(RawAttrKey::Kind(group), std::uint32_t(1) << bitNumber),
+                                unnamedEntry());
+        positions[bitNumber] = {key.rawKey().position(), bitNumber};
+      }
+      std::sort(positions.begin(), positions.end());
+      for (std::size_t i = 0; i < positions.size(); ++i) groups[group][i] = positions[i].second;
+    }
+    return groups;
+  }();
+  return order;
+}
+
 std::string at(std::int64_t offset, const AttrList::Key& key) {
   return std::string(key.caseName()) + " at offset " + std::to_string(offset);
 }
@@ -102,75 +123,67 @@ AttrList::Attributes AttrList::parseReply(std::span<const std::byte> reply) {
   }
   const auto returned = load<AttributeSet>(reply.data() + 4);
 
-  // The returned bits as keys, in reply order.
-  std::vector<Key> keys;
-  keys.reserve(std::popcount(returned.commonattr) + std::popcount(returned.volattr)
-               + std::popcount(returned.dirattr) + std::popcount(returned.fileattr)
-               + std::popcount(returned.forkattr));
-  const std::pair<RawAttrKey::Kind, std::uint32_t> groups[] = {
-      {RawAttrKey::Kind::common, returned.commonattr}, {RawAttrKey::Kind::volume, returned.volattr},
-      {RawAttrKey::Kind::directory, returned.dirattr}, {RawAttrKey::Kind::file, returned.fileattr},
-      {RawAttrKey::Kind::fork, returned.forkattr},
-  };
-  for (auto [kind, bits] : groups) {
-    for (std::uint32_t bit = 0x80000000; bit != 0; bit >>= 1) {
-      if (bits & bit) keys.emplace_back(RawAttrKey(kind, bit), unnamedEntry());
-    }
-  }
-  std::sort(keys.begin(), keys.end());
-
+  const std::uint32_t words[] = {returned.commonattr, returned.volattr, returned.dirattr,
+                                 returned.fileattr, returned.forkattr};
   Attributes values;
-  values.reserve(keys.size());
-  const RawAttrKey returnedKey(RawAttrKey::Kind::common, kReturnedAttributesBit);
+  values.reserve(std::size_t(std::popcount(words[0]) + std::popcount(words[1])
+                             + std::popcount(words[2]) + std::popcount(words[3])
+                             + std::popcount(words[4])));
   const std::int64_t limit = length;
   std::int64_t cursor = kHeaderSize;
-  const Key* previous = nullptr;
-  for (const Key& key : keys) {
-    const RawAttrKey& raw = key.rawKey();
-    if (raw == returnedKey) continue;
-    if (previous && previous->rawKey().kind() == raw.kind()
-        && !(raw.position() > previous->rawKey().position())) {
-      fatalError(kLabel, __LINE__, "reply keys out of order at " + key.description());
-    }
-    if (cursor % 4 != 0) fatalError(kLabel, __LINE__, "misaligned reply entry");
+  for (std::size_t group = 0; group < std::size(words); ++group) {
+    const auto kind = RawAttrKey::Kind(group);
+    double previousPosition = -1;
+    for (const std::uint8_t bitNumber : replyOrder()[group]) {
+      const std::uint32_t bit = std::uint32_t(1) << bitNumber;
+      if (!(words[group] & bit)) continue;
+      if (kind == RawAttrKey::Kind::common && bit == kReturnedAttributesBit) continue;
+      const Key key(RawAttrKey(kind, bit), unnamedEntry());
+      const double position = key.rawKey().position();
+      if (!(position > previousPosition)) {
+        fatalError(kLabel, __LINE__, "reply keys out of order at " + key.description());
+      }
+      previousPosition = position;
+      if (cursor % 4 != 0) fatalError(kLabel, __LINE__, "misaligned reply entry");
 
-    const BufferEntryKind& entry = key.bufferEntryKind();
-    std::int64_t start, end, advance;
-    if (entry.isFixed()) {
-      advance = entry.length();
-      start = cursor;
-      end = checkedAdd(cursor, advance, kLabel, __LINE__);
-      if (end < start) fatalError(kLabel, __LINE__, "entry ends before it starts");
-      if (end > limit) {
-        throw Error::malformedReply("entry " + at(cursor, key) + " runs past the reply's "
-                                    + std::to_string(limit) + " bytes");
+      const BufferEntryKind& entry = key.bufferEntryKind();
+      std::int64_t start, end, advance;
+      if (entry.isFixed()) {
+        advance = entry.length();
+        start = cursor;
+        end = checkedAdd(cursor, advance, kLabel, __LINE__);
+        if (end < start) fatalError(kLabel, __LINE__, "entry ends before it starts");
+        if (end > limit) {
+          throw Error::malformedReply("entry " + at(cursor, key) + " runs past the reply's "
+                                      + std::to_string(limit) + " bytes");
+        }
+      } else {
+        advance = 8;
+        if (cursor + 8 > limit) {
+          throw Error::malformedReply("attribute reference " + at(cursor, key)
+                                      + " runs past the reply's " + std::to_string(limit)
+                                      + " bytes");
+        }
+        const auto offset = load<std::int32_t>(reply.data() + cursor);
+        const auto dataLength = load<std::uint32_t>(reply.data() + cursor + 4);
+        start = cursor + offset;
+        end = start + dataLength;
+        if (start < 0 || end > limit) {
+          throw Error::malformedReply("data of " + at(cursor, key) + " (offset "
+                                      + std::to_string(offset) + ", length "
+                                      + std::to_string(dataLength) + ") lies outside the reply's "
+                                      + std::to_string(limit) + " bytes");
+        }
       }
-    } else {
-      advance = 8;
-      if (cursor + 8 > limit) {
-        throw Error::malformedReply("attribute reference " + at(cursor, key)
-                                    + " runs past the reply's " + std::to_string(limit) + " bytes");
-      }
-      const auto offset = load<std::int32_t>(reply.data() + cursor);
-      const auto dataLength = load<std::uint32_t>(reply.data() + cursor + 4);
-      start = cursor + offset;
-      end = start + dataLength;
-      if (start < 0 || end > limit) {
-        throw Error::malformedReply("data of " + at(cursor, key) + " (offset "
-                                    + std::to_string(offset) + ", length "
-                                    + std::to_string(dataLength) + ") lies outside the reply's "
-                                    + std::to_string(limit) + " bytes");
-      }
-    }
 
-    auto value = entry.decoder()(reply.subspan(std::size_t(start), std::size_t(end - start)));
-    if (value) {
-      values.insert_or_assign(key, std::move(*value));
-    } else {
-      values.erase(key);
+      auto value = entry.decoder()(reply.subspan(std::size_t(start), std::size_t(end - start)));
+      if (value) {
+        values.insert_or_assign(key, std::move(*value));
+      } else {
+        values.erase(key);
+      }
+      cursor = checkedAdd(cursor, advance, kLabel, __LINE__);
     }
-    cursor = checkedAdd(cursor, advance, kLabel, __LINE__);
-    previous = &key;
   }
   return values;
 }

@@ -116,5 +116,26 @@ TEST(AttrValue, PrintsValuesAndKeepsTypesApart) {
             "attribute_set[0x00000001, 0x00000000, 0x00000000, 0x00000000, 0x00000000]");
 }
 
+TEST(AttrValue, CopiesAndMovesInlineAndLargeValues) {
+  struct Large {
+    std::string text;
+    char padding[64];
+  };
+  AttrValue large(Large{std::string(100, 'x'), {}});
+  AttrValue text(std::string(100, 'y'));
+  AttrValue copy = large;
+  EXPECT_EQ(copy.get<Large>()->text, std::string(100, 'x'));
+  EXPECT_NE(copy.get<Large>(), large.get<Large>());
+  AttrValue moved = std::move(text);
+  EXPECT_EQ(*moved.get<std::string>(), std::string(100, 'y'));
+  moved = large;  // a string replaced by a large value
+  EXPECT_TRUE(moved.holds<Large>());
+  moved = AttrValue(std::uint64_t(3));
+  EXPECT_EQ(*moved.get<std::uint64_t>(), 3u);
+  EXPECT_TRUE(copy.holds<Large>());
+  EXPECT_EQ(copy.get<std::string>(), nullptr);
+  EXPECT_EQ(copy.type(), typeid(Large));
+}
+
 }  // namespace
 }  // namespace carrow
