@@ -51,13 +51,18 @@ const AttrList::BufferEntryKind& unnamedEntry() {
   return entry;
 }
 
-// For each group, its 32 bit numbers in reply order: by the position of each bit's named key, or
-// of the bit itself when it has none. Built once; walking a reply in this order needs no sort.
-using GroupOrder = std::array<std::uint8_t, 32>;
-const std::array<GroupOrder, 5>& replyOrder() {
+// For each group, its 32 bit numbers in reply order (by the position of each bit's named key, or
+// of the bit itself when it has none), and each bit number's rank in that order. Built once;
+// with them a reply is walked in order without sorting its keys.
+struct ReplyOrder {
+  std::array<std::array<std::uint8_t, 32>, 5> bitAtRank;
+  std::array<std::array<std::uint8_t, 32>, 5> rankOfBit;
+};
+
+const ReplyOrder& replyOrder() {
   static const auto order = [] {
-    std::array<GroupOrder, 5> groups{};
-    for (std::size_t group = 0; group < groups.size(); ++group) {
+    ReplyOrder result{};
+    for (std::size_t group = 0; group < 5; ++group) {
       std::array<std::pair<double, std::uint8_t>, 32> positions;
       for (std::uint8_t bitNumber = 0; bitNumber < 32; ++bitNumber) {
         const AttrList::Key key(RawAttrKey(RawAttrKey::Kind(group), std::uint32_t(1) << bitNumber),
@@ -65,9 +70,12 @@ const std::array<GroupOrder, 5>& replyOrder() {
         positions[bitNumber] = {key.rawKey().position(), bitNumber};
       }
       std::sort(positions.begin(), positions.end());
-      for (std::size_t i = 0; i < positions.size(); ++i) groups[group][i] = positions[i].second;
+      for (std::uint8_t rank = 0; rank < 32; ++rank) {
+        result.bitAtRank[group][rank] = positions[rank].second;
+        result.rankOfBit[group][positions[rank].second] = rank;
+      }
     }
-    return groups;
+    return result;
   }();
   return order;
 }
@@ -129,21 +137,23 @@ AttrList::Attributes AttrList::parseReply(std::span<const std::byte> reply) {
   values.reserve(std::size_t(std::popcount(words[0]) + std::popcount(words[1])
                              + std::popcount(words[2]) + std::popcount(words[3])
                              + std::popcount(words[4])));
+  // Walking by rank keeps the entries of a group in strictly increasing position, so the order
+  // of the reply needs no check of its own.
   const std::int64_t limit = length;
   std::int64_t cursor = kHeaderSize;
+  const ReplyOrder& order = replyOrder();
   for (std::size_t group = 0; group < std::size(words); ++group) {
     const auto kind = RawAttrKey::Kind(group);
-    double previousPosition = -1;
-    for (const std::uint8_t bitNumber : replyOrder()[group]) {
-      const std::uint32_t bit = std::uint32_t(1) << bitNumber;
-      if (!(words[group] & bit)) continue;
+    // The returned bits, re-indexed by their rank in reply order.
+    std::uint32_t ranked = 0;
+    for (std::uint32_t bits = words[group]; bits != 0; bits &= bits - 1) {
+      ranked |= std::uint32_t(1) << order.rankOfBit[group][std::countr_zero(bits)];
+    }
+    for (; ranked != 0; ranked &= ranked - 1) {
+      const std::uint32_t bit = std::uint32_t(1)
+                                << order.bitAtRank[group][std::countr_zero(ranked)];
       if (kind == RawAttrKey::Kind::common && bit == kReturnedAttributesBit) continue;
       const Key key(RawAttrKey(kind, bit), unnamedEntry());
-      const double position = key.rawKey().position();
-      if (!(position > previousPosition)) {
-        fatalError(kLabel, __LINE__, "reply keys out of order at " + key.description());
-      }
-      previousPosition = position;
       if (cursor % 4 != 0) fatalError(kLabel, __LINE__, "misaligned reply entry");
 
       const BufferEntryKind& entry = key.bufferEntryKind();

@@ -189,7 +189,7 @@ class AttrList::Key {
   }
   /// The case's name ("volumeUUID"), or "other".
   std::string_view caseName() const noexcept;
-  const RawAttrKey& rawKey() const noexcept;
+  const RawAttrKey& rawKey() const noexcept;  // inline, below
   const BufferEntryKind& bufferEntryKind() const noexcept;
   /// "<volume attrBit: 262144 bufferEntryKind: fixed(length: 16)>".
   std::string description() const;
@@ -206,10 +206,86 @@ class AttrList::Key {
   struct Other;
   Key(Named named, std::shared_ptr<const Other> other) noexcept
       : named_(named), other_(std::move(other)) {}
+  const RawAttrKey& otherRawKey() const noexcept;
 
   Named named_;
   std::shared_ptr<const Other> other_;  // Set only for `other` keys.
 };
+
+namespace detail {
+
+// The raw keys of the named keys, in declaration order. The previous bits record where the
+// volume group's reply order departs from bit order.
+inline constexpr RawAttrKey kNamedRawKeys[AttrList::Key::namedCount] = {
+    RawAttrKey(RawAttrKey::Kind::common, 0x80000000u, 0u),           // returnedAttributes
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000001u),               // name
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000004u),               // fsID
+    RawAttrKey(RawAttrKey::Kind::fork, 0x00000080u),                 // realFSID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000002u),               // deviceID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000008u),               // objectType
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000010u),               // objectTag
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000020u),               // objectID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000040u),               // objectPermanentID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000080u),               // parentObjectID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000100u),               // textEncodingHint
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000200u),               // createdTime
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000400u),               // modificationTime
+    RawAttrKey(RawAttrKey::Kind::common, 0x00000800u),               // changeTime
+    RawAttrKey(RawAttrKey::Kind::common, 0x00001000u),               // accessTime
+    RawAttrKey(RawAttrKey::Kind::common, 0x00002000u),               // backupTime
+    RawAttrKey(RawAttrKey::Kind::common, 0x00008000u),               // ownerID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00010000u),               // groupID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00020000u),               // accessMask
+    RawAttrKey(RawAttrKey::Kind::common, 0x00040000u),               // flags
+    RawAttrKey(RawAttrKey::Kind::common, 0x00080000u),               // genCount
+    RawAttrKey(RawAttrKey::Kind::common, 0x00100000u),               // documentID
+    RawAttrKey(RawAttrKey::Kind::common, 0x00200000u),               // userAccess
+    RawAttrKey(RawAttrKey::Kind::common, 0x00800000u),               // ownerUUID
+    RawAttrKey(RawAttrKey::Kind::common, 0x01000000u),               // groupUUID
+    RawAttrKey(RawAttrKey::Kind::common, 0x02000000u),               // fileID
+    RawAttrKey(RawAttrKey::Kind::common, 0x04000000u),               // parentID
+    RawAttrKey(RawAttrKey::Kind::common, 0x08000000u),               // fullPath
+    RawAttrKey(RawAttrKey::Kind::common, 0x10000000u),               // addedTime
+    RawAttrKey(RawAttrKey::Kind::common, 0x40000000u),               // protectionFlags
+    RawAttrKey(RawAttrKey::Kind::volume, 0x80000000u),               // volInfo
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000001u, 0u),           // fsType
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000002u),               // volumeSignature
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000004u, 0x00000002u),  // volumeSize
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000008u, 0x00000004u),  // spaceFree
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000010u, 0x00000008u),  // spaceAvailable
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00800000u, 0x00000010u),  // spaceUsed
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000020u),               // minimumAllocation
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000040u),               // allocationClump
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000080u),               // ioBlockSize
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000100u),               // objectCount
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000200u),               // fileCount
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000400u),               // directoryCount
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00000800u),               // maximumObjectCount
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00001000u),               // mountPoint
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00002000u),               // volumeName
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00004000u),               // mountFlags
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00008000u),               // mountedDeviceName
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00010000u),               // encodingsUsed
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00020000u),               // volumeCapabilities
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00040000u),               // volumeUUID
+    RawAttrKey(RawAttrKey::Kind::volume, 0x10000000u, 0x00040000u),  // quota
+    RawAttrKey(RawAttrKey::Kind::volume, 0x20000000u, 0x10000000u),  // volumeReservedSize
+    RawAttrKey(RawAttrKey::Kind::volume, 0x40000000u, 0x20000000u),  // volumeAttributes
+    RawAttrKey(RawAttrKey::Kind::volume, 0x00100000u, 0x40000000u),  // filesystemTypeName
+    RawAttrKey(RawAttrKey::Kind::directory, 0x00000001u),            // directoryLinkCount
+    RawAttrKey(RawAttrKey::Kind::directory, 0x00000002u),            // directoryEntryCount
+    RawAttrKey(RawAttrKey::Kind::directory, 0x00000004u),            // mountStatus
+    RawAttrKey(RawAttrKey::Kind::directory, 0x00000008u),            // allocSize
+    RawAttrKey(RawAttrKey::Kind::directory, 0x00000010u),            // directoryIOBlockSize
+    RawAttrKey(RawAttrKey::Kind::directory, 0x00000020u),            // directoryDataLength
+    RawAttrKey(RawAttrKey::Kind::file, 0x00000001u),                 // fileLinkCount
+};
+
+}  // namespace detail
+
+inline const RawAttrKey& AttrList::Key::rawKey() const noexcept {
+  return other_ ? otherRawKey() : detail::kNamedRawKeys[named_];
+}
 
 struct AttrList::KeyHash {
   std::size_t operator()(const Key& key) const noexcept { return key.hash(); }
