@@ -1,10 +1,14 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <system_error>
 #include <vector>
 
 #include <carrow/platform/mount.h>
 #include <carrow/volumes/attr_list_disk.h>
+
+#include "mounted_file_systems.h"
 
 namespace carrow {
 
@@ -18,18 +22,6 @@ constexpr int kSpareRecords = 10;
   throw std::system_error(code > 0 ? code : ENODEV, std::generic_category());
 }
 
-std::vector<platform::statfs> mountedFileSystems() {
-  const int count = platform::getfsstat(nullptr, 0, platform::MNT_NOWAIT);
-  if (count < 0) throwErrno();
-  if (count == 0) return {};
-  std::vector<platform::statfs> records(std::size_t(count) + kSpareRecords);
-  const int listed = platform::getfsstat(
-      records.data(), int(records.size() * sizeof(platform::statfs)), platform::MNT_NOWAIT);
-  if (listed < 0) throwErrno();
-  records.resize(std::min(std::size_t(listed), records.size()));
-  return records;
-}
-
 std::string mountOnName(const platform::statfs& record) {
   const auto* end =
       static_cast<const char*>(std::memchr(record.f_mntonname, 0, sizeof record.f_mntonname));
@@ -39,9 +31,21 @@ std::string mountOnName(const platform::statfs& record) {
 
 }  // namespace
 
+std::vector<platform::statfs> detail::mountedFileSystems(const GetFSStat& getfsstat) {
+  const int count = getfsstat(nullptr, 0, platform::MNT_NOWAIT);
+  if (count < 0) throwErrno();
+  if (count == 0) return {};
+  std::vector<platform::statfs> records(std::size_t(count) + kSpareRecords);
+  const int listed = getfsstat(records.data(), int(records.size() * sizeof(platform::statfs)),
+                               platform::MNT_NOWAIT);
+  if (listed < 0) throwErrno();
+  records.resize(std::min(std::size_t(listed), records.size()));
+  return records;
+}
+
 std::vector<AttrListDisk> AttrListDisk::mountedVolumes() {
   std::vector<AttrListDisk> volumes;
-  for (const auto& record : mountedFileSystems()) {
+  for (const auto& record : detail::mountedFileSystems(platform::getfsstat)) {
     try {
       volumes.push_back(AttrListDisk(FileURL::fileURLWithPath(mountOnName(record), true), false));
     } catch (...) {
