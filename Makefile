@@ -8,7 +8,7 @@ BUILD_TYPE    ?= RelWithDebInfo
 CARROW_WERROR ?= OFF
 CMAKE_ARGS    ?=
 JOBS          ?= $(shell nproc)
-RUN_ARGS      ?= --version
+RUN_ARGS      ?= volumes
 
 PACKAGES = cmake ninja-build g++ make pkg-config clang-format \
            libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev \
