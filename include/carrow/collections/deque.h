@@ -177,29 +177,30 @@ class Deque {
   template <class... Args>
   void emplace(Args&&... args) {
     DequeBuffer* buffer = storage_.buffer_;
+    // The header is read once, before the element is written: an element store may alias the
+    // header (as far as the compiler knows), and the uniqueness test orders later reads.
+    Header header = buffer->header_;
     // One branch for both reasons to leave the fast path: no free slot, or a shared block.
-    if ((buffer->header_.count >= buffer->header_.capacity) | !buffer->isUniquelyReferenced())
-        [[unlikely]] {
+    if ((header.count >= header.capacity) | !buffer->isUniquelyReferenced()) [[unlikely]] {
       buffer = makeRoomForAppend();
+      header = buffer->header_;
     }
-    // The header is read before and written after the element, so that constructing an element
-    // of the header's own type does not force it to be read again.
-    const std::ptrdiff_t count = buffer->header_.count;
-    Element* slot =
-        buffer->elements() + slotFor(buffer->header_.startSlot, count, buffer->header_.capacity);
+    Element* slot = buffer->elements() + slotFor(header.startSlot, header.count, header.capacity);
     std::construct_at(slot, std::forward<Args>(args)...);
-    buffer->header_.count = count + 1;
+    buffer->header_.count = header.count + 1;
   }
 
   /// Removes and returns the front element; nullopt when the deque is empty. O(1).
   std::optional<Element> popFirst() {
     DequeBuffer* buffer = storage_.buffer_;
-    if (buffer->header_.count == 0) return std::nullopt;
+    // Read before the uniqueness test, as in `emplace`.
+    Header header = buffer->header_;
+    if (header.count == 0) return std::nullopt;
     if (!buffer->isUniquelyReferenced()) [[unlikely]] {
       makeUnique();
       buffer = storage_.buffer_;
+      header = buffer->header_;
     }
-    const Header header = buffer->header_;
     Element* slot = buffer->elements() + header.startSlot;
     auto removeFront = [&] {
       std::destroy_at(slot);
@@ -231,8 +232,9 @@ class Deque {
   // and never above the capacity: one correction suffices.
   static std::ptrdiff_t slotFor(std::ptrdiff_t base, std::ptrdiff_t offset,
                                 std::ptrdiff_t capacity) noexcept {
-    std::ptrdiff_t slot = base + offset;
-    return slot >= capacity ? slot - capacity : slot;
+    // Subtracting first lets the sign of the difference pick the answer (a `cmov`).
+    std::ptrdiff_t slot = base + offset - capacity;
+    return slot < 0 ? slot + capacity : slot;
   }
 
   // The slow path of an append, kept out of line so that the fast path inlines: a block that is
