@@ -177,8 +177,9 @@ class Deque {
   template <class... Args>
   void emplace(Args&&... args) {
     DequeBuffer* buffer = storage_.buffer_;
-    // The header is read once, before the element is written: an element store may alias the
-    // header (as far as the compiler knows), and the uniqueness test orders later reads.
+    // The header is read once, up front. Reads after the uniqueness test (an acquire load) or
+    // after the element store (which may alias the header, for all the compiler knows) would be
+    // made again on every call. Reading it early is safe: only a sole holder writes a block.
     Header header = buffer->header_;
     // One branch for both reasons to leave the fast path: no free slot, or a shared block.
     if ((header.count >= header.capacity) | !buffer->isUniquelyReferenced()) [[unlikely]] {
