@@ -121,31 +121,73 @@ class Deque {
   };
 
   /// Where the elements live: nothing yet (`isEmpty()`), or one reference to a `DequeBuffer`.
+  ///
+  /// Beside the reference it keeps a flag, "the block may be shared", so that the fast paths test
+  /// a word of their own instead of the block's count of references. Every copy sets the flag on
+  /// both sides; only a slow path that sees a count of one (or makes a private block) clears it.
+  /// Clear therefore means unshared; set means "ask the count".
   class Storage {
    public:
     Storage() noexcept = default;
     Storage(const Storage& other) noexcept : buffer_(other.buffer_) {
-      if (!isEmpty()) DequeBuffer::retain(buffer_);
+      if (!isEmpty()) {
+        DequeBuffer::retain(buffer_);
+        // Atomic: concurrent copies of one const deque all mark it.
+        other.mayBeShared_.store(true, std::memory_order_relaxed);
+        mayBeShared_.store(true, std::memory_order_relaxed);
+      }
     }
     Storage(Storage&& other) noexcept
-        : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)) {}
+        : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)),
+          mayBeShared_(other.mayBeShared()) {
+      // A plain store, not an exchange (a locked instruction): nobody else may touch a deque
+      // that is being moved from.
+      other.mayBeShared_.store(false, std::memory_order_relaxed);
+    }
     Storage& operator=(Storage other) noexcept {
       std::swap(buffer_, other.buffer_);
+      bool otherShared = other.mayBeShared_.load(std::memory_order_relaxed);
+      other.mayBeShared_.store(mayBeShared_.load(std::memory_order_relaxed),
+                               std::memory_order_relaxed);
+      mayBeShared_.store(otherShared, std::memory_order_relaxed);
       return *this;
     }
     ~Storage() {
       if (!isEmpty()) DequeBuffer::release(buffer_);
     }
 
+    friend void swap(Storage& a, Storage& b) noexcept {
+      std::swap(a.buffer_, b.buffer_);
+      bool aShared = a.mayBeShared_.load(std::memory_order_relaxed);
+      a.mayBeShared_.store(b.mayBeShared_.load(std::memory_order_relaxed),
+                           std::memory_order_relaxed);
+      b.mayBeShared_.store(aShared, std::memory_order_relaxed);
+    }
+
     bool isEmpty() const noexcept { return buffer_ == &DequeBuffer::empty_; }
     /// The block, or null when no storage is allocated.
     const DequeBuffer* buffer() const noexcept { return isEmpty() ? nullptr : buffer_; }
+    /// False when this storage is known to hold the only reference to its block; true when the
+    /// block may be (or may have been) shared.
+    bool mayBeShared() const noexcept { return mayBeShared_.load(std::memory_order_relaxed); }
 
    private:
     friend class Deque;
     explicit Storage(DequeBuffer* adopted) noexcept : buffer_(adopted) {}
 
+    // True when this is the block's only holder, clearing the flag if it was set and the other
+    // holders have let go since.
+    bool claimUnique() noexcept {
+      if (!mayBeShared()) return true;
+      if (!buffer_->isUniquelyReferenced()) return false;
+      mayBeShared_.store(false, std::memory_order_relaxed);
+      return true;
+    }
+
     DequeBuffer* buffer_ = &DequeBuffer::empty_;
+    // Written by copies made from a const deque, hence mutable and atomic; relaxed, because the
+    // count of references, read with acquire before the flag is cleared, does the ordering.
+    mutable std::atomic<bool> mayBeShared_{false};
   };
 
   Deque() noexcept = default;
@@ -181,8 +223,9 @@ class Deque {
     // after the element store (which may alias the header, for all the compiler knows) would be
     // made again on every call. Reading it early is safe: only a sole holder writes a block.
     Header header = buffer->header_;
-    // One branch for both reasons to leave the fast path: no free slot, or a shared block.
-    if ((header.count >= header.capacity) | !buffer->isUniquelyReferenced()) [[unlikely]] {
+    // One branch for both reasons to leave the fast path: no free slot, or a block that may be
+    // shared.
+    if ((header.count >= header.capacity) | storage_.mayBeShared()) [[unlikely]] {
       buffer = makeRoomForAppend();
       header = buffer->header_;
     }
@@ -197,9 +240,8 @@ class Deque {
     // Read before the uniqueness test, as in `emplace`.
     Header header = buffer->header_;
     if (header.count == 0) return std::nullopt;
-    if (!buffer->isUniquelyReferenced()) [[unlikely]] {
-      makeUnique();
-      buffer = storage_.buffer_;
+    if (storage_.mayBeShared()) [[unlikely]] {
+      buffer = makeUniqueForPop();
       header = buffer->header_;
     }
     Element* slot = buffer->elements() + header.startSlot;
@@ -226,7 +268,7 @@ class Deque {
   /// The storage, for inspecting the block's header.
   const Storage& storage() const noexcept { return storage_; }
 
-  friend void swap(Deque& a, Deque& b) noexcept { std::swap(a.storage_, b.storage_); }
+  friend void swap(Deque& a, Deque& b) noexcept { swap(a.storage_, b.storage_); }
 
  private:
   // The slot `offset` places after `base`, wrapped once. Offsets are counts, so never negative
@@ -239,26 +281,32 @@ class Deque {
   }
 
   // The slow path of an append, kept out of line so that the fast path inlines: a block that is
-  // missing, full or shared is replaced.
+  // missing, full or shared is replaced. A block whose other holders have all let go is kept.
   [[gnu::noinline]] DequeBuffer* makeRoomForAppend() {
     std::ptrdiff_t required =
         checkedAdd(count(), std::ptrdiff_t{1}, detail::kCollectionsLabel, __LINE__);
+    bool unique = storage_.claimUnique();
     if (capacity() < required) {
-      grow(required);
-    } else {
+      grow(required, unique);
+    } else if (!unique) {
       makeUnique();
     }
     return storage_.buffer_;
   }
 
+  // The slow path of a pop from a block that may be shared.
+  [[gnu::noinline]] DequeBuffer* makeUniqueForPop() {
+    if (!storage_.claimUnique()) makeUnique();
+    return storage_.buffer_;
+  }
+
   // Moves the elements, front first, into slots 0 ..< count of a larger block. A block shared
   // with another deque is copied from and left as it is.
-  void grow(std::ptrdiff_t required) {
+  void grow(std::ptrdiff_t required, bool unique) {
     std::ptrdiff_t newCapacity = detail::dequeGrowthCapacity(capacity(), required);
     Storage fresh(DequeBuffer::create(newCapacity));
     DequeBuffer* old = storage_.buffer_;
     if (old->header_.count > 0) {
-      bool unique = old->isUniquelyReferenced();
       WrappedBuffer live = old->wrappedBuffer();
       DequeBuffer* target = fresh.buffer_;
       if constexpr (std::is_trivially_copyable_v<Element>) {
