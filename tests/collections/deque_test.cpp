@@ -176,8 +176,6 @@ TEST(Deque, CopiesAreIndependentValues) {
   EXPECT_EQ(drain(copy), (std::vector<int>{2, 3, 4}));
 }
 
-// Each deque flags a block that may be shared; the flag must follow the block through every way
-// of sharing or handing it on, and a block nobody else holds any more is kept, not copied.
 // {first, ..., last} with room for more (allocators may give exactly what was asked).
 Deque<int> withRoom(int first, int last) {
   Deque<int> deque;
@@ -185,6 +183,9 @@ Deque<int> withRoom(int first, int last) {
   for (int i = 0; i < 4; ++i) deque.popFirst();
   return deque;
 }
+
+// Each deque marks a block that may be shared; the mark must follow the block through every way
+// of sharing or handing it on, and a block nobody else holds any more is kept, not copied.
 
 TEST(Deque, ABlockNoLongerSharedIsChangedInPlace) {
   Deque<int> deque = withRoom(0, 2);

@@ -26,7 +26,8 @@ namespace carrow {
 ///
 /// Copies are values that share one block until either of them changes: the first `append` or
 /// `popFirst` on a shared block copies it. Sharing is counted atomically, so copies may live on
-/// different threads; one deque must not be used from two threads at once.
+/// different threads, and one deque may be copied on several threads at once; otherwise one deque
+/// must not be used from two threads at once.
 template <class Element>
 class Deque {
  public:
@@ -122,8 +123,8 @@ class Deque {
 
   /// Where the elements live: nothing yet (`isEmpty()`), or one reference to a `DequeBuffer`.
   ///
-  /// Beside the reference it keeps a flag, "the block may be shared", so that the fast paths test
-  /// a word of their own instead of the block's count of references. Every copy sets the flag on
+  /// Beside the reference it keeps a mark, "the block may be shared", so that the fast paths test
+  /// a word of their own instead of the block's count of references. Every copy sets the mark on
   /// both sides; only a slow path that sees a count of one (or makes a private block) clears it.
   /// Clear therefore means unshared; set means "ask the count".
   class Storage {
@@ -133,23 +134,22 @@ class Deque {
       if (!isEmpty()) {
         DequeBuffer::retain(buffer_);
         // Atomic: concurrent copies of one const deque all mark it.
-        other.mayBeShared_.store(true, std::memory_order_relaxed);
-        mayBeShared_.store(true, std::memory_order_relaxed);
+        other.sharedBias_.store(kSharedBias, std::memory_order_relaxed);
+        sharedBias_.store(kSharedBias, std::memory_order_relaxed);
       }
     }
     Storage(Storage&& other) noexcept
         : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)),
-          mayBeShared_(other.mayBeShared()) {
+          sharedBias_(other.sharedBias()) {
       // A plain store, not an exchange (a locked instruction): nobody else may touch a deque
       // that is being moved from.
-      other.mayBeShared_.store(false, std::memory_order_relaxed);
+      other.sharedBias_.store(0, std::memory_order_relaxed);
     }
     Storage& operator=(Storage other) noexcept {
       std::swap(buffer_, other.buffer_);
-      bool otherShared = other.mayBeShared_.load(std::memory_order_relaxed);
-      other.mayBeShared_.store(mayBeShared_.load(std::memory_order_relaxed),
-                               std::memory_order_relaxed);
-      mayBeShared_.store(otherShared, std::memory_order_relaxed);
+      std::size_t otherBias = other.sharedBias();
+      other.sharedBias_.store(sharedBias(), std::memory_order_relaxed);
+      sharedBias_.store(otherBias, std::memory_order_relaxed);
       return *this;
     }
     ~Storage() {
@@ -158,10 +158,9 @@ class Deque {
 
     friend void swap(Storage& a, Storage& b) noexcept {
       std::swap(a.buffer_, b.buffer_);
-      bool aShared = a.mayBeShared_.load(std::memory_order_relaxed);
-      a.mayBeShared_.store(b.mayBeShared_.load(std::memory_order_relaxed),
-                           std::memory_order_relaxed);
-      b.mayBeShared_.store(aShared, std::memory_order_relaxed);
+      std::size_t aBias = a.sharedBias();
+      a.sharedBias_.store(b.sharedBias(), std::memory_order_relaxed);
+      b.sharedBias_.store(aBias, std::memory_order_relaxed);
     }
 
     bool isEmpty() const noexcept { return buffer_ == &DequeBuffer::empty_; }
@@ -169,25 +168,31 @@ class Deque {
     const DequeBuffer* buffer() const noexcept { return isEmpty() ? nullptr : buffer_; }
     /// False when this storage is known to hold the only reference to its block; true when the
     /// block may be (or may have been) shared.
-    bool mayBeShared() const noexcept { return mayBeShared_.load(std::memory_order_relaxed); }
+    bool mayBeShared() const noexcept { return sharedBias() != 0; }
 
    private:
     friend class Deque;
     explicit Storage(DequeBuffer* adopted) noexcept : buffer_(adopted) {}
 
-    // True when this is the block's only holder, clearing the flag if it was set and the other
+    // The mark is a number, so that one comparison serves for two tests: 0 when unshared, and
+    // when the block may be shared a bias that puts a count beyond any capacity (counts stay
+    // far below it, being bounded by memory) and makes no count larger than it.
+    static constexpr std::size_t kSharedBias = std::size_t{1} << 62;
+    std::size_t sharedBias() const noexcept { return sharedBias_.load(std::memory_order_relaxed); }
+
+    // True when this is the block's only holder, clearing the mark if it was set and the other
     // holders have let go since.
     bool claimUnique() noexcept {
       if (!mayBeShared()) return true;
       if (!buffer_->isUniquelyReferenced()) return false;
-      mayBeShared_.store(false, std::memory_order_relaxed);
+      sharedBias_.store(0, std::memory_order_relaxed);
       return true;
     }
 
     DequeBuffer* buffer_ = &DequeBuffer::empty_;
     // Written by copies made from a const deque, hence mutable and atomic; relaxed, because the
-    // count of references, read with acquire before the flag is cleared, does the ordering.
-    mutable std::atomic<bool> mayBeShared_{false};
+    // count of references, read with acquire before the mark is cleared, does the ordering.
+    mutable std::atomic<std::size_t> sharedBias_{0};
   };
 
   Deque() noexcept = default;
@@ -219,13 +224,14 @@ class Deque {
   template <class... Args>
   void emplace(Args&&... args) {
     DequeBuffer* buffer = storage_.buffer_;
-    // The header is read once, up front. Reads after the uniqueness test (an acquire load) or
-    // after the element store (which may alias the header, for all the compiler knows) would be
-    // made again on every call. Reading it early is safe: only a sole holder writes a block.
+    // The header is read once, up front. Reads after the element store (which may alias the
+    // header, for all the compiler knows) or after the slow path's acquire load would be made
+    // again on every call. Reading it early is safe: only a sole holder writes a block.
     Header header = buffer->header_;
-    // One branch for both reasons to leave the fast path: no free slot, or a block that may be
-    // shared.
-    if ((header.count >= header.capacity) | storage_.mayBeShared()) [[unlikely]] {
+    // One comparison for both reasons to leave the fast path: no free slot, or a block that may
+    // be shared (whose bias pushes the count past the capacity).
+    if (static_cast<std::size_t>(header.count) + storage_.sharedBias()
+        >= static_cast<std::size_t>(header.capacity)) [[unlikely]] {
       buffer = makeRoomForAppend();
       header = buffer->header_;
     }
@@ -237,10 +243,12 @@ class Deque {
   /// Removes and returns the front element; nullopt when the deque is empty. O(1).
   std::optional<Element> popFirst() {
     DequeBuffer* buffer = storage_.buffer_;
-    // Read before the uniqueness test, as in `emplace`.
+    // Read up front, as in `emplace`.
     Header header = buffer->header_;
-    if (header.count == 0) return std::nullopt;
-    if (storage_.mayBeShared()) [[unlikely]] {
+    // One comparison for both reasons to leave the fast path: no element, or a block that may be
+    // shared (whose bias no count reaches).
+    if (static_cast<std::size_t>(header.count) <= storage_.sharedBias()) [[unlikely]] {
+      if (header.count == 0) return std::nullopt;
       buffer = makeUniqueForPop();
       header = buffer->header_;
     }
