@@ -48,6 +48,7 @@ class Tracked {
 };
 
 using Header = Deque<int>::Header;
+using DequeBuffer = Deque<int>::DequeBuffer;
 
 Header headerOf(const auto& deque) {
   return deque.storage().buffer()->header();
@@ -175,6 +176,84 @@ TEST(Deque, CopiesAreIndependentValues) {
   EXPECT_EQ(drain(copy), (std::vector<int>{2, 3, 4}));
 }
 
+// {first, ..., last} with room for more (allocators may give exactly what was asked).
+Deque<int> withRoom(int first, int last) {
+  Deque<int> deque;
+  for (int i = first - 4; i <= last; ++i) deque.append(i);
+  for (int i = 0; i < 4; ++i) deque.popFirst();
+  return deque;
+}
+
+// Each deque marks a block that may be shared; the mark must follow the block through every way
+// of sharing or handing it on, and a block nobody else holds any more is kept, not copied.
+
+TEST(Deque, ABlockNoLongerSharedIsChangedInPlace) {
+  Deque<int> deque = withRoom(0, 2);
+  const DequeBuffer* block = deque.storage().buffer();
+  EXPECT_FALSE(deque.storage().mayBeShared());
+  {
+    Deque<int> copy = deque;
+    EXPECT_TRUE(deque.storage().mayBeShared());
+    EXPECT_TRUE(copy.storage().mayBeShared());
+  }
+  deque.append(3);
+  EXPECT_EQ(deque.storage().buffer(), block);
+  EXPECT_FALSE(deque.storage().mayBeShared());
+  { Deque<int> copy = deque; }
+  EXPECT_EQ(deque.popFirst(), 0);
+  EXPECT_EQ(deque.storage().buffer(), block);
+  EXPECT_FALSE(deque.storage().mayBeShared());
+
+  // Self-assignment keeps the block, and the deque is still its only holder.
+  const Deque<int>& itself = deque;
+  deque = itself;
+  deque.append(4);
+  EXPECT_EQ(deque.storage().buffer(), block);
+  EXPECT_EQ(drain(deque), (std::vector<int>{1, 2, 3, 4}));
+}
+
+TEST(Deque, AssignmentMoveAndSwapKeepSharedBlocksIntact) {
+  Deque<int> first = withRoom(0, 2);
+  Deque<int> third = first;
+  Deque<int> second = withRoom(10, 10);
+  // Assigned over a deque that shared with `first`, `third` now shares with `second`.
+  third = second;
+  EXPECT_TRUE(second.storage().mayBeShared());
+  EXPECT_EQ(third.storage().buffer(), second.storage().buffer());
+  third.append(11);
+  EXPECT_EQ(drain(second), (std::vector<int>{10}));
+  EXPECT_EQ(drain(third), (std::vector<int>{10, 11}));
+  // `first` still has the flag; appending asks the count, which is one again.
+  const DequeBuffer* firstBlock = first.storage().buffer();
+  first.append(3);
+  EXPECT_EQ(first.storage().buffer(), firstBlock);
+
+  // A move hands the flag on with the block and leaves an empty, unshared deque.
+  Deque<int> copy = first;
+  Deque<int> moved = std::move(copy);
+  EXPECT_TRUE(copy.isEmpty());
+  EXPECT_FALSE(copy.storage().mayBeShared());
+  EXPECT_TRUE(moved.storage().mayBeShared());
+  EXPECT_EQ(moved.popFirst(), 0);
+  EXPECT_NE(moved.storage().buffer(), first.storage().buffer());
+
+  // Swap exchanges the flags with the blocks.
+  Deque<int> shared = first;
+  Deque<int> alone = withRoom(20, 20);
+  const DequeBuffer* aloneBlock = alone.storage().buffer();
+  swap(shared, alone);
+  EXPECT_TRUE(alone.storage().mayBeShared());
+  EXPECT_FALSE(shared.storage().mayBeShared());
+  alone.append(4);
+  EXPECT_NE(alone.storage().buffer(), first.storage().buffer());
+  shared.append(21);
+  EXPECT_EQ(shared.storage().buffer(), aloneBlock);
+  EXPECT_EQ(drain(first), (std::vector<int>{0, 1, 2, 3}));
+  EXPECT_EQ(drain(alone), (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_EQ(drain(shared), (std::vector<int>{20, 21}));
+  EXPECT_EQ(drain(moved), (std::vector<int>{1, 2, 3}));
+}
+
 TEST(Deque, GrowingASharedBlockLeavesTheOtherCopyIntact) {
   Deque<std::string> original;
   std::string longText(40, 'x');  // not stored inline, so a moved-from copy would be empty
@@ -272,6 +351,30 @@ TEST(Deque, CopiesMayBeUsedOnDifferentThreads) {
     }
     original = Deque<std::string>();
     for (std::thread& thread : threads) thread.join();
+  }
+}
+
+// Threads copy one const deque at the same time (each copy marks it as shared) and change their
+// copies, while the owner waits to change the original.
+TEST(Deque, OneDequeMayBeCopiedOnSeveralThreadsAtOnce) {
+  for (int round = 0; round < 50; ++round) {
+    Deque<std::string> original;
+    for (int i = 0; i < 64; ++i) original.append(std::to_string(i));
+    const Deque<std::string>& source = original;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&source] {
+        Deque<std::string> copy = source;
+        copy.append("end");
+        for (int i = 0; i < 64; ++i) EXPECT_EQ(copy.popFirst(), std::to_string(i));
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_TRUE(original.storage().mayBeShared());
+    const auto* before = original.storage().buffer();
+    original.append("last");
+    EXPECT_EQ(original.storage().buffer(), before);
+    EXPECT_EQ(original.count(), 65);
   }
 }
 

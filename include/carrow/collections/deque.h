@@ -26,7 +26,8 @@ namespace carrow {
 ///
 /// Copies are values that share one block until either of them changes: the first `append` or
 /// `popFirst` on a shared block copies it. Sharing is counted atomically, so copies may live on
-/// different threads; one deque must not be used from two threads at once.
+/// different threads, and one deque may be copied on several threads at once; otherwise one deque
+/// must not be used from two threads at once.
 template <class Element>
 class Deque {
  public:
@@ -121,31 +122,77 @@ class Deque {
   };
 
   /// Where the elements live: nothing yet (`isEmpty()`), or one reference to a `DequeBuffer`.
+  ///
+  /// Beside the reference it keeps a mark, "the block may be shared", so that the fast paths test
+  /// a word of their own instead of the block's count of references. Every copy sets the mark on
+  /// both sides; only a slow path that sees a count of one (or makes a private block) clears it.
+  /// Clear therefore means unshared; set means "ask the count".
   class Storage {
    public:
     Storage() noexcept = default;
     Storage(const Storage& other) noexcept : buffer_(other.buffer_) {
-      if (!isEmpty()) DequeBuffer::retain(buffer_);
+      if (!isEmpty()) {
+        DequeBuffer::retain(buffer_);
+        // Atomic: concurrent copies of one const deque all mark it.
+        other.sharedBias_.store(kSharedBias, std::memory_order_relaxed);
+        sharedBias_.store(kSharedBias, std::memory_order_relaxed);
+      }
     }
     Storage(Storage&& other) noexcept
-        : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)) {}
+        : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)),
+          sharedBias_(other.sharedBias()) {
+      // A plain store, not an exchange (a locked instruction): nobody else may touch a deque
+      // that is being moved from.
+      other.sharedBias_.store(0, std::memory_order_relaxed);
+    }
     Storage& operator=(Storage other) noexcept {
       std::swap(buffer_, other.buffer_);
+      std::size_t otherBias = other.sharedBias();
+      other.sharedBias_.store(sharedBias(), std::memory_order_relaxed);
+      sharedBias_.store(otherBias, std::memory_order_relaxed);
       return *this;
     }
     ~Storage() {
       if (!isEmpty()) DequeBuffer::release(buffer_);
     }
 
+    friend void swap(Storage& a, Storage& b) noexcept {
+      std::swap(a.buffer_, b.buffer_);
+      std::size_t aBias = a.sharedBias();
+      a.sharedBias_.store(b.sharedBias(), std::memory_order_relaxed);
+      b.sharedBias_.store(aBias, std::memory_order_relaxed);
+    }
+
     bool isEmpty() const noexcept { return buffer_ == &DequeBuffer::empty_; }
     /// The block, or null when no storage is allocated.
     const DequeBuffer* buffer() const noexcept { return isEmpty() ? nullptr : buffer_; }
+    /// False when this storage is known to hold the only reference to its block; true when the
+    /// block may be (or may have been) shared.
+    bool mayBeShared() const noexcept { return sharedBias() != 0; }
 
    private:
     friend class Deque;
     explicit Storage(DequeBuffer* adopted) noexcept : buffer_(adopted) {}
 
+    // The mark is a number, so that one comparison serves for two tests: 0 when unshared, and
+    // when the block may be shared a bias that puts a count beyond any capacity (counts stay
+    // far below it, being bounded by memory) and makes no count larger than it.
+    static constexpr std::size_t kSharedBias = std::size_t{1} << 62;
+    std::size_t sharedBias() const noexcept { return sharedBias_.load(std::memory_order_relaxed); }
+
+    // True when this is the block's only holder, clearing the mark if it was set and the other
+    // holders have let go since.
+    bool claimUnique() noexcept {
+      if (!mayBeShared()) return true;
+      if (!buffer_->isUniquelyReferenced()) return false;
+      sharedBias_.store(0, std::memory_order_relaxed);
+      return true;
+    }
+
     DequeBuffer* buffer_ = &DequeBuffer::empty_;
+    // Written by copies made from a const deque, hence mutable and atomic; relaxed, because the
+    // count of references, read with acquire before the mark is cleared, does the ordering.
+    mutable std::atomic<std::size_t> sharedBias_{0};
   };
 
   Deque() noexcept = default;
@@ -177,29 +224,34 @@ class Deque {
   template <class... Args>
   void emplace(Args&&... args) {
     DequeBuffer* buffer = storage_.buffer_;
-    // One branch for both reasons to leave the fast path: no free slot, or a shared block.
-    if ((buffer->header_.count >= buffer->header_.capacity) | !buffer->isUniquelyReferenced())
-        [[unlikely]] {
+    // The header is read once, up front. Reads after the element store (which may alias the
+    // header, for all the compiler knows) or after the slow path's acquire load would be made
+    // again on every call. Reading it early is safe: only a sole holder writes a block.
+    Header header = buffer->header_;
+    // One comparison for both reasons to leave the fast path: no free slot, or a block that may
+    // be shared (whose bias pushes the count past the capacity).
+    if (static_cast<std::size_t>(header.count) + storage_.sharedBias()
+        >= static_cast<std::size_t>(header.capacity)) [[unlikely]] {
       buffer = makeRoomForAppend();
+      header = buffer->header_;
     }
-    // The header is read before and written after the element, so that constructing an element
-    // of the header's own type does not force it to be read again.
-    const std::ptrdiff_t count = buffer->header_.count;
-    Element* slot =
-        buffer->elements() + slotFor(buffer->header_.startSlot, count, buffer->header_.capacity);
+    Element* slot = buffer->elements() + slotFor(header.startSlot, header.count, header.capacity);
     std::construct_at(slot, std::forward<Args>(args)...);
-    buffer->header_.count = count + 1;
+    buffer->header_.count = header.count + 1;
   }
 
   /// Removes and returns the front element; nullopt when the deque is empty. O(1).
   std::optional<Element> popFirst() {
     DequeBuffer* buffer = storage_.buffer_;
-    if (buffer->header_.count == 0) return std::nullopt;
-    if (!buffer->isUniquelyReferenced()) [[unlikely]] {
-      makeUnique();
-      buffer = storage_.buffer_;
+    // Read up front, as in `emplace`.
+    Header header = buffer->header_;
+    // One comparison for both reasons to leave the fast path: no element, or a block that may be
+    // shared (whose bias no count reaches).
+    if (static_cast<std::size_t>(header.count) <= storage_.sharedBias()) [[unlikely]] {
+      if (header.count == 0) return std::nullopt;
+      buffer = makeUniqueForPop();
+      header = buffer->header_;
     }
-    const Header header = buffer->header_;
     Element* slot = buffer->elements() + header.startSlot;
     auto removeFront = [&] {
       std::destroy_at(slot);
@@ -224,38 +276,45 @@ class Deque {
   /// The storage, for inspecting the block's header.
   const Storage& storage() const noexcept { return storage_; }
 
-  friend void swap(Deque& a, Deque& b) noexcept { std::swap(a.storage_, b.storage_); }
+  friend void swap(Deque& a, Deque& b) noexcept { swap(a.storage_, b.storage_); }
 
  private:
   // The slot `offset` places after `base`, wrapped once. Offsets are counts, so never negative
   // and never above the capacity: one correction suffices.
   static std::ptrdiff_t slotFor(std::ptrdiff_t base, std::ptrdiff_t offset,
                                 std::ptrdiff_t capacity) noexcept {
-    std::ptrdiff_t slot = base + offset;
-    return slot >= capacity ? slot - capacity : slot;
+    // Subtracting first lets the sign of the difference pick the answer (a `cmov`).
+    std::ptrdiff_t slot = base + offset - capacity;
+    return slot < 0 ? slot + capacity : slot;
   }
 
   // The slow path of an append, kept out of line so that the fast path inlines: a block that is
-  // missing, full or shared is replaced.
+  // missing, full or shared is replaced. A block whose other holders have all let go is kept.
   [[gnu::noinline]] DequeBuffer* makeRoomForAppend() {
     std::ptrdiff_t required =
         checkedAdd(count(), std::ptrdiff_t{1}, detail::kCollectionsLabel, __LINE__);
+    bool unique = storage_.claimUnique();
     if (capacity() < required) {
-      grow(required);
-    } else {
+      grow(required, unique);
+    } else if (!unique) {
       makeUnique();
     }
     return storage_.buffer_;
   }
 
+  // The slow path of a pop from a block that may be shared.
+  [[gnu::noinline]] DequeBuffer* makeUniqueForPop() {
+    if (!storage_.claimUnique()) makeUnique();
+    return storage_.buffer_;
+  }
+
   // Moves the elements, front first, into slots 0 ..< count of a larger block. A block shared
   // with another deque is copied from and left as it is.
-  void grow(std::ptrdiff_t required) {
+  void grow(std::ptrdiff_t required, bool unique) {
     std::ptrdiff_t newCapacity = detail::dequeGrowthCapacity(capacity(), required);
     Storage fresh(DequeBuffer::create(newCapacity));
     DequeBuffer* old = storage_.buffer_;
     if (old->header_.count > 0) {
-      bool unique = old->isUniquelyReferenced();
       WrappedBuffer live = old->wrappedBuffer();
       DequeBuffer* target = fresh.buffer_;
       if constexpr (std::is_trivially_copyable_v<Element>) {
