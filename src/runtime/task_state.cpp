@@ -132,31 +132,28 @@ void GroupCore::cancelAll() noexcept {
   }
 }
 
-TaskStateCore* GroupCore::takeFinished(bool& noneRunning) noexcept {
-  Locked guard(lock_);
+TaskStateCore* GroupCore::popFinishedLocked() noexcept {
   TaskStateCore* child = finishedHead_;
   if (child != nullptr) {
     finishedHead_ = child->groupNext;
     if (finishedHead_ == nullptr) finishedTail_ = nullptr;
     child->groupNext = nullptr;
-    noneRunning = false;
-    return child;
   }
-  noneRunning = running_ == nullptr;
-  return nullptr;
+  return child;
+}
+
+TaskStateCore* GroupCore::takeFinished(bool& noneRunning) noexcept {
+  Locked guard(lock_);
+  TaskStateCore* child = popFinishedLocked();
+  noneRunning = child == nullptr && running_ == nullptr;
+  return child;
 }
 
 TaskStateCore* GroupCore::waitForChild(std::coroutine_handle<> handle) noexcept {
   Locked guard(lock_);
-  TaskStateCore* child = finishedHead_;
-  if (child != nullptr) {
-    finishedHead_ = child->groupNext;
-    if (finishedHead_ == nullptr) finishedTail_ = nullptr;
-    child->groupNext = nullptr;
-    return child;
-  }
-  waiter_ = handle;
-  return nullptr;
+  TaskStateCore* child = popFinishedLocked();
+  if (child == nullptr) waiter_ = handle;
+  return child;
 }
 
 }  // namespace carrow::detail

@@ -1,40 +1,16 @@
 // Counts every allocation of the process, to show that taking locks and using cells allocates
 // nothing once they are built. A program of its own: it replaces the global operator new.
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
 #include <gtest/gtest.h>
 
 #include <carrow/concurrency/atomic.h>
 #include <carrow/concurrency/keyed_unfair_lock.h>
 #include <carrow/concurrency/unfair_lock.h>
 
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
-}
+#include "support/allocation_counter.h"
 
 namespace carrow {
 namespace {
-
-long allocationsDuring(auto&& work) {
-  const long before = allocations.load();
-  work();
-  return allocations.load() - before;
-}
 
 TEST(Allocation, LockAndUnlockAllocateNothing) {
   CRUnfairLock lock;

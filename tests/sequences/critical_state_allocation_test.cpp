@@ -1,9 +1,6 @@
 // Counts every allocation of the process, to show that a critical state is one allocation and
 // that locking it allocates nothing. A program of its own: it replaces the global operator new.
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -11,30 +8,10 @@
 #include <carrow/sequences/lock.h>
 #include <carrow/sequences/managed_critical_state.h>
 
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
-}
+#include "support/allocation_counter.h"
 
 namespace carrow {
 namespace {
-
-long allocationsDuring(auto&& work) {
-  const long before = allocations.load();
-  work();
-  return allocations.load() - before;
-}
 
 struct State {
   long counter = 0;

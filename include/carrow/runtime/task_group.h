@@ -45,6 +45,8 @@ class GroupCore {
 
  private:
   static void onParentCancelled(CancellationRecord& record) noexcept;
+  /// Unlinks the oldest finished child and returns it, or null; the caller holds `lock_`.
+  TaskStateCore* popFinishedLocked() noexcept;
 
   TaskContext& parent_;
   mutable platform::os_unfair_lock lock_{};

@@ -18,13 +18,19 @@
 namespace carrow {
 namespace detail {
 
+/// What an erased iterator does with an error of the iterator it wraps.
+enum class OnError {
+  end,     // drops the error and reads it as the end
+  rethrow  // throws it on unchanged
+};
+
 /// An asynchronous iterator of hidden type behind a virtual `next`.
 template <class Element>
 class ErasedAsyncIterator {
  public:
   virtual ~ErasedAsyncIterator() = default;
-  /// The wrapped iterator's next element; `swallowErrors` turns its errors into the end.
-  virtual Async<std::optional<Element>> next(bool swallowErrors) = 0;
+  /// The wrapped iterator's next element; its errors are handled as `onError` says.
+  virtual Async<std::optional<Element>> next(OnError onError) = 0;
 };
 
 template <class Element, class Iterator>
@@ -32,10 +38,10 @@ class ErasedAsyncIteratorBox final : public ErasedAsyncIterator<Element> {
  public:
   explicit ErasedAsyncIteratorBox(Iterator iterator) : iterator_(std::move(iterator)) {}
 
-  Async<std::optional<Element>> next(bool swallowErrors) override {
+  Async<std::optional<Element>> next(OnError onError) override {
     // The wrapped iterator is kept after an error: a later call asks it again.
     std::optional<AsyncIteratorElement<Iterator>> element;
-    if (swallowErrors) {
+    if (onError == OnError::end) {
       try {
         element = co_await iterator_.next();
       } catch (...) {
@@ -105,6 +111,26 @@ template <class S, class Element, class Self>
 concept ErasableSequence =
     !std::same_as<std::remove_cvref_t<S>, Self> && AsyncSequenceConvertibleTo<S, Element>;
 
+/// The iterator of both erased sequences: it owns one boxed iterator of hidden type and belongs
+/// to the one task that iterates it. The wrapped iterator is kept after an error, so the next call
+/// asks it again.
+template <class Element, OnError onError>
+class AnyAsyncIterator {
+ public:
+  /// Boxes any asynchronous iterator whose elements convert to `Element`.
+  template <ErasableIterator<Element, AnyAsyncIterator> I>
+  explicit AnyAsyncIterator(I iterator) : iterator_(boxIterator<Element>(std::move(iterator))) {}
+
+  /// The next element or the end; an error of the wrapped iterator is handled as `onError` says.
+  Async<std::optional<Element>> next() {
+    if (!iterator_) return endOfSequence<Element>();
+    return iterator_->next(onError);
+  }
+
+ private:
+  std::unique_ptr<ErasedAsyncIterator<Element>> iterator_;
+};
+
 }  // namespace detail
 
 /// A sequence of `Element` of hidden type that never throws: an error of the wrapped sequence ends
@@ -112,24 +138,9 @@ concept ErasableSequence =
 template <class Element>
 class AnyAsyncSequence {
  public:
-  /// An iterator of hidden type; it belongs to the one task that iterates it.
-  class Iterator {
-   public:
-    /// Boxes any asynchronous iterator whose elements convert to `Element`.
-    template <detail::ErasableIterator<Element, Iterator> I>
-    explicit Iterator(I iterator) : iterator_(detail::boxIterator<Element>(std::move(iterator))) {}
-
-    /// The next element, or the end, which also stands for an error of the wrapped iterator (the
-    /// error is dropped; the wrapped iterator is kept and asked again by the next call).
-    /// Never throws.
-    Async<std::optional<Element>> next() {
-      if (!iterator_) return detail::endOfSequence<Element>();
-      return iterator_->next(true);
-    }
-
-   private:
-    std::unique_ptr<detail::ErasedAsyncIterator<Element>> iterator_;
-  };
+  /// An iterator of hidden type; it belongs to the one task that iterates it. Its `next()` never
+  /// throws: an error of the wrapped iterator is dropped and reads as the end.
+  using Iterator = detail::AnyAsyncIterator<Element, detail::OnError::end>;
 
   /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
   /// each `makeAsyncIterator()` starts a new iteration of it.
@@ -152,23 +163,9 @@ class AnyAsyncSequence {
 template <class Element>
 class AnyAsyncThrowingSequence {
  public:
-  /// An iterator of hidden type; it belongs to the one task that iterates it.
-  class Iterator {
-   public:
-    /// Boxes any asynchronous iterator whose elements convert to `Element`.
-    template <detail::ErasableIterator<Element, Iterator> I>
-    explicit Iterator(I iterator) : iterator_(detail::boxIterator<Element>(std::move(iterator))) {}
-
-    /// The next element or the end; an error of the wrapped iterator is thrown on unchanged (the
-    /// wrapped iterator is kept and asked again by the next call).
-    Async<std::optional<Element>> next() {
-      if (!iterator_) return detail::endOfSequence<Element>();
-      return iterator_->next(false);
-    }
-
-   private:
-    std::unique_ptr<detail::ErasedAsyncIterator<Element>> iterator_;
-  };
+  /// An iterator of hidden type; it belongs to the one task that iterates it. Its `next()` throws
+  /// an error of the wrapped iterator on unchanged.
+  using Iterator = detail::AnyAsyncIterator<Element, detail::OnError::rethrow>;
 
   /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
   /// each `makeAsyncIterator()` starts a new iteration of it.
