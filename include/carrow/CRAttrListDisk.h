@@ -32,7 +32,7 @@ extern "C" {
 /* Where an error comes from. */
 typedef enum CRErrorDomain {
   CRErrorDomainNone = 0,     /* no error */
-  CRErrorDomainPOSIX = 1,    /* code is an errno value (45, ENOTSUP: a volume lacks attributes) */
+  CRErrorDomainPOSIX = 1,    /* code is an errno value (ENOTSUP: a volume lacks attributes) */
   CRErrorDomainAttrList = 2, /* code is a CRAttrListErrorCode */
   CRErrorDomainOther = 3     /* any other failure; code is 0 */
 } CRErrorDomain;
