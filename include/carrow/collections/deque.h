@@ -133,23 +133,17 @@ class Deque {
     Storage(const Storage& other) noexcept : buffer_(other.buffer_) {
       if (!isEmpty()) {
         DequeBuffer::retain(buffer_);
-        // Atomic: concurrent copies of one const deque all mark it.
-        other.sharedBias_.store(kSharedBias, std::memory_order_relaxed);
-        sharedBias_.store(kSharedBias, std::memory_order_relaxed);
+        // Atomic: copies of one const deque may be made on several threads at once, and all of
+        // them mark it (with the same value).
+        std::atomic_ref(other.sharedBias_).store(kSharedBias, std::memory_order_relaxed);
+        sharedBias_ = kSharedBias;
       }
     }
     Storage(Storage&& other) noexcept
         : buffer_(std::exchange(other.buffer_, &DequeBuffer::empty_)),
-          sharedBias_(other.sharedBias()) {
-      // A plain store, not an exchange (a locked instruction): nobody else may touch a deque
-      // that is being moved from.
-      other.sharedBias_.store(0, std::memory_order_relaxed);
-    }
+          sharedBias_(std::exchange(other.sharedBias_, 0)) {}
     Storage& operator=(Storage other) noexcept {
-      std::swap(buffer_, other.buffer_);
-      std::size_t otherBias = other.sharedBias();
-      other.sharedBias_.store(sharedBias(), std::memory_order_relaxed);
-      sharedBias_.store(otherBias, std::memory_order_relaxed);
+      swap(*this, other);
       return *this;
     }
     ~Storage() {
@@ -158,9 +152,7 @@ class Deque {
 
     friend void swap(Storage& a, Storage& b) noexcept {
       std::swap(a.buffer_, b.buffer_);
-      std::size_t aBias = a.sharedBias();
-      a.sharedBias_.store(b.sharedBias(), std::memory_order_relaxed);
-      b.sharedBias_.store(aBias, std::memory_order_relaxed);
+      std::swap(a.sharedBias_, b.sharedBias_);
     }
 
     bool isEmpty() const noexcept { return buffer_ == &DequeBuffer::empty_; }
@@ -168,7 +160,10 @@ class Deque {
     const DequeBuffer* buffer() const noexcept { return isEmpty() ? nullptr : buffer_; }
     /// False when this storage is known to hold the only reference to its block; true when the
     /// block may be (or may have been) shared.
-    bool mayBeShared() const noexcept { return sharedBias() != 0; }
+    bool mayBeShared() const noexcept {
+      // Atomic: it may be asked while copies are made on other threads.
+      return std::atomic_ref(sharedBias_).load(std::memory_order_relaxed) != 0;
+    }
 
    private:
     friend class Deque;
@@ -178,21 +173,23 @@ class Deque {
     // when the block may be shared a bias that puts a count beyond any capacity (counts stay
     // far below it, being bounded by memory) and makes no count larger than it.
     static constexpr std::size_t kSharedBias = std::size_t{1} << 62;
-    std::size_t sharedBias() const noexcept { return sharedBias_.load(std::memory_order_relaxed); }
 
     // True when this is the block's only holder, clearing the mark if it was set and the other
     // holders have let go since.
     bool claimUnique() noexcept {
-      if (!mayBeShared()) return true;
+      if (sharedBias_ == 0) return true;
       if (!buffer_->isUniquelyReferenced()) return false;
-      sharedBias_.store(0, std::memory_order_relaxed);
+      sharedBias_ = 0;
       return true;
     }
 
+    // Both are plain words, so that the compiler may keep them, and the header they lead to, in
+    // registers from one operation to the next (it treats every atomic access as a barrier).
+    // The one write that may race, the marking by copies of a const deque, goes through an
+    // `atomic_ref`; relaxed, because the count of references, read with acquire before the mark
+    // is cleared, does the ordering.
     DequeBuffer* buffer_ = &DequeBuffer::empty_;
-    // Written by copies made from a const deque, hence mutable and atomic; relaxed, because the
-    // count of references, read with acquire before the mark is cleared, does the ordering.
-    mutable std::atomic<std::size_t> sharedBias_{0};
+    mutable std::size_t sharedBias_ = 0;
   };
 
   Deque() noexcept = default;
@@ -224,53 +221,30 @@ class Deque {
   template <class... Args>
   void emplace(Args&&... args) {
     DequeBuffer* buffer = storage_.buffer_;
-    // The header is read once, up front. Reads after the element store (which may alias the
-    // header, for all the compiler knows) or after the slow path's acquire load would be made
-    // again on every call. Reading it early is safe: only a sole holder writes a block.
     Header header = buffer->header_;
     // One comparison for both reasons to leave the fast path: no free slot, or a block that may
     // be shared (whose bias pushes the count past the capacity).
-    if (static_cast<std::size_t>(header.count) + storage_.sharedBias()
+    if (static_cast<std::size_t>(header.count) + storage_.sharedBias_
         >= static_cast<std::size_t>(header.capacity)) [[unlikely]] {
-      buffer = makeRoomForAppend();
-      header = buffer->header_;
+      return emplaceSlowly(std::forward<Args>(args)...);
     }
-    Element* slot = buffer->elements() + slotFor(header.startSlot, header.count, header.capacity);
-    std::construct_at(slot, std::forward<Args>(args)...);
-    buffer->header_.count = header.count + 1;
+    constructAtBack(buffer, header, std::forward<Args>(args)...);
   }
 
   /// Removes and returns the front element; nullopt when the deque is empty. O(1).
   std::optional<Element> popFirst() {
     DequeBuffer* buffer = storage_.buffer_;
-    // Read up front, as in `emplace`.
     Header header = buffer->header_;
     // One comparison for both reasons to leave the fast path: no element, or a block that may be
     // shared (whose bias no count reaches).
-    if (static_cast<std::size_t>(header.count) <= storage_.sharedBias()) [[unlikely]] {
+    if (static_cast<std::size_t>(header.count) <= storage_.sharedBias_) [[unlikely]] {
       if (header.count == 0) return std::nullopt;
+      // Not a tail call, unlike `emplace`: merging an optional returned by a call with one built
+      // here would pass it through memory, which costs more than the merged block does.
       buffer = makeUniqueForPop();
       header = buffer->header_;
     }
-    Element* slot = buffer->elements() + header.startSlot;
-    auto removeFront = [&] {
-      std::destroy_at(slot);
-      buffer->header_.startSlot =
-          header.startSlot + 1 == header.capacity ? 0 : header.startSlot + 1;
-      buffer->header_.count = header.count - 1;
-    };
-    if constexpr (std::is_nothrow_move_constructible_v<Element>) {
-      Element element(std::move(*slot));
-      removeFront();
-      // Built at the return, not before: an optional filled early and returned through memory
-      // costs a stalled store-to-load forward on every pop.
-      return std::optional<Element>(std::move(element));
-    } else {
-      // A move that throws leaves the deque as it was.
-      std::optional<Element> element(std::move(*slot));
-      removeFront();
-      return element;
-    }
+    return takeFront(buffer, header);
   }
 
   /// The storage, for inspecting the block's header.
@@ -288,9 +262,54 @@ class Deque {
     return slot < 0 ? slot + capacity : slot;
   }
 
+  // The fast path of `emplace` leaves only through a tail call to its slow path. Had the two
+  // paths merged with a choice of block, the compiler could no longer tell that the block (and
+  // the count just written) is the one a following `popFirst` reads, and would read the count
+  // back from memory: a store-to-load round trip between every append and pop.
+  template <class... Args>
+  static void constructAtBack(DequeBuffer* buffer, Header header, Args&&... args) {
+    Element* slot = buffer->elements() + slotFor(header.startSlot, header.count, header.capacity);
+    std::construct_at(slot, std::forward<Args>(args)...);
+    buffer->header_.count = header.count + 1;
+  }
+
+  static std::optional<Element> takeFront(DequeBuffer* buffer, Header header) {
+    Element* slot = buffer->elements() + header.startSlot;
+    auto removeFront = [&] {
+      std::destroy_at(slot);
+      // A branch, not a conditional move: it is almost always predicted right, and it keeps the
+      // test off the chain from one pop's start slot to the next.
+      std::ptrdiff_t nextSlot = header.startSlot + 1;
+      if (nextSlot == header.capacity) [[unlikely]] {
+        asm volatile("");
+        nextSlot = 0;
+      }
+      buffer->header_.startSlot = nextSlot;
+      buffer->header_.count = header.count - 1;
+    };
+    if constexpr (std::is_nothrow_move_constructible_v<Element>) {
+      Element element(std::move(*slot));
+      removeFront();
+      // Built at the return, not before: an optional filled early and returned through memory
+      // costs a stalled store-to-load forward on every pop.
+      return std::optional<Element>(std::move(element));
+    } else {
+      // A move that throws leaves the deque as it was.
+      std::optional<Element> element(std::move(*slot));
+      removeFront();
+      return element;
+    }
+  }
+
+  template <class... Args>
+  [[gnu::noinline]] void emplaceSlowly(Args&&... args) {
+    DequeBuffer* buffer = makeRoomForAppend();
+    constructAtBack(buffer, buffer->header_, std::forward<Args>(args)...);
+  }
+
   // The slow path of an append, kept out of line so that the fast path inlines: a block that is
   // missing, full or shared is replaced. A block whose other holders have all let go is kept.
-  [[gnu::noinline]] DequeBuffer* makeRoomForAppend() {
+  DequeBuffer* makeRoomForAppend() {
     std::ptrdiff_t required =
         checkedAdd(count(), std::ptrdiff_t{1}, detail::kCollectionsLabel, __LINE__);
     bool unique = storage_.claimUnique();
