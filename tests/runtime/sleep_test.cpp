@@ -180,15 +180,5 @@ TEST(Sleep, ResumesOnTheActorItSleptOn) {
   EXPECT_TRUE(onActor);
 }
 
-TEST(Sleep, OnTheMainActorComesBackToTheMainThread) {
-  // The timer streams sleep on the main actor; the thread blocked in runMain drives it.
-  const bool onMain = runMain([]() -> Async<bool> {
-    co_await MainActor::shared().enter();
-    co_await sleep(2ms);
-    co_return MainActor::isMainThread();
-  });
-  EXPECT_TRUE(onMain);
-}
-
 }  // namespace
 }  // namespace carrow
