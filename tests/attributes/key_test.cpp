@@ -112,13 +112,6 @@ TEST(AttrListKey, OrderFollowsTheReplyLayout) {
   }
 }
 
-TEST(AttrListKey, BufferSizesReserveTheReferenceForVariableEntries) {
-  EXPECT_EQ(Key(Key::name).bufferEntryKind().bufferSize(), 774);
-  EXPECT_EQ(Key(Key::fullPath).bufferEntryKind().bufferSize(), 1032);
-  EXPECT_EQ(Key(Key::filesystemTypeName).bufferEntryKind().bufferSize(), 24);
-  EXPECT_EQ(Key(Key::volumeAttributes).bufferEntryKind().bufferSize(), 40);
-}
-
 TEST(AttrListKeyDeathTest, OverflowingReserveStopsTheProcess) {
   const auto huge = Entry::variable(AttrList::Decoders::text, INT64_MAX - 4);
   EXPECT_DEATH(huge.bufferSize(), "arithmetic overflow");
