@@ -141,13 +141,5 @@ TEST(Task, ManyConcurrentTasksAllComplete) {
   EXPECT_EQ(total, 1999L * 2000 / 2);
 }
 
-TEST(RunMain, RethrowsTheBodysError) {
-  EXPECT_THROW(runMain([]() -> Async<void> {
-                 co_await yieldNow();
-                 throw std::invalid_argument("main failed");
-               }),
-               std::invalid_argument);
-}
-
 }  // namespace
 }  // namespace carrow
