@@ -151,24 +151,6 @@ TEST(ContinuationStream, FinishWithErrorThrowsOnceAfterTheElements) {
   EXPECT_EQ(terminations.finishedWithError, 1);
 }
 
-TEST(ContinuationStream, WaitingConsumerIsResumedByAProducerThread) {
-  auto [stream, continuation] = AsyncStream<std::string>::makeStream();
-  std::thread producer([continuation = continuation] {
-    std::this_thread::sleep_for(10ms);
-    continuation.yield("late");
-    std::this_thread::sleep_for(5ms);
-    continuation.finish();
-  });
-  const auto values = runMain([stream = stream]() -> Async<std::vector<std::string>> {
-    std::vector<std::string> values;
-    auto iterator = stream.makeAsyncIterator();
-    while (auto value = co_await iterator.next()) values.push_back(*value);
-    co_return values;
-  });
-  producer.join();
-  EXPECT_EQ(values, std::vector<std::string>{"late"});
-}
-
 TEST(ContinuationStream, BuildConstructorHandsOverTheContinuation) {
   AsyncStream<int>::Continuation* escaped = nullptr;
   std::optional<AsyncStream<int>::Continuation> kept;

@@ -70,24 +70,6 @@ TEST(SerialExecutor, RunsJobsOneAtATimeInTheOrderEachProducerQueuedThem) {
   EXPECT_FALSE(serial.isCurrent());
 }
 
-TEST(GlobalExecutor, RunsJobsFromPlainThreadsOnItsWorkers) {
-  class CountingJob final : public Job {
-   public:
-    explicit CountingJob(std::atomic<int>& counter) : count(counter) {}
-    void run() noexcept override {
-      EXPECT_TRUE(globalExecutor().isCurrent());
-      count.fetch_add(1, std::memory_order_release);
-    }
-    std::atomic<int>& count;
-  };
-  std::atomic<int> count{0};
-  std::vector<std::unique_ptr<CountingJob>> jobs;
-  for (int i = 0; i < 1000; ++i) jobs.push_back(std::make_unique<CountingJob>(count));
-  for (auto& job : jobs) globalExecutor().enqueue(*job);
-  while (count.load(std::memory_order_acquire) < 1000) std::this_thread::yield();
-  EXPECT_FALSE(globalExecutor().isCurrent());
-}
-
 class Worker : public Actor {
  public:
   // Leaves the actor for the heavy part and reports where each part ran.

@@ -27,27 +27,6 @@ TEST(Clocks, AreMonotonicAndContinuousIsNeverBehindSuspending) {
   EXPECT_GE(continuous1.time_since_epoch(), suspending1.time_since_epoch() - 1ms);
 }
 
-TEST(TimerService, FiresNoEarlierThanTheDeadlineOnBothClocks) {
-  auto& timers = TimerService::shared();
-  platform::DispatchSemaphore done(0);
-  const auto start = ContinuousClock::now();
-  ContinuousClock::time_point firedContinuous{};
-  SuspendingClock::time_point firedSuspending{};
-  const auto suspendingDeadline = SuspendingClock::now() + 15ms;
-  timers.schedule(start + 20ms, [&] {
-    firedContinuous = ContinuousClock::now();
-    done.signal();
-  });
-  timers.schedule(suspendingDeadline, [&] {
-    firedSuspending = SuspendingClock::now();
-    done.signal();
-  });
-  done.wait();
-  done.wait();
-  EXPECT_GE(firedContinuous, start + 20ms);
-  EXPECT_GE(firedSuspending, suspendingDeadline);
-}
-
 TEST(TimerService, EntriesRunInDeadlineOrderThenSchedulingOrder) {
   auto& timers = TimerService::shared();
   platform::DispatchSemaphore done(0);
