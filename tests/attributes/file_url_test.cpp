@@ -6,26 +6,26 @@ namespace carrow {
 namespace {
 
 TEST(FileURL, DirectoryHintShowsOnlyInTheText) {
-  const auto data = FileURL::fileURLWithPath("/System/Volumes/Data/", true);
-  EXPECT_EQ(data.path(), "/System/Volumes/Data");
-  EXPECT_TRUE(data.hasDirectoryPath());
-  EXPECT_EQ(data.absoluteString(), "file:///System/Volumes/Data/");
-  EXPECT_EQ(data, FileURL::fileURLWithPath("/System/Volumes/Data", true));
-}
-
-TEST(FileURL, TrailingSeparatorsMakeADirectory) {
-  const auto url = FileURL::fileURLWithPath("/tmp//");
-  EXPECT_EQ(url.path(), "/tmp");
-  EXPECT_TRUE(url.hasDirectoryPath());
-  EXPECT_FALSE(FileURL("/tmp/file").hasDirectoryPath());
-  EXPECT_EQ(FileURL("/tmp/file").absoluteString(), "file:///tmp/file");
-}
-
-TEST(FileURL, RootStaysTheRoot) {
-  EXPECT_EQ(FileURL("/").path(), "/");
-  EXPECT_TRUE(FileURL("/").hasDirectoryPath());
-  EXPECT_EQ(FileURL::fileURLWithPath("///", true).path(), "/");
-  EXPECT_EQ(FileURL("/").absoluteString(), "file:///");
+  struct Case {
+    FileURL url;
+    const char* path;
+    bool isDirectory;
+    const char* text;
+  };
+  const Case cases[] = {
+      {FileURL::fileURLWithPath("/System/Volumes/Data/", true), "/System/Volumes/Data", true,
+       "file:///System/Volumes/Data/"},
+      {FileURL::fileURLWithPath("/tmp//"), "/tmp", true, "file:///tmp/"},  // trailing separators
+      {FileURL("/tmp/file"), "/tmp/file", false, "file:///tmp/file"},
+      {FileURL("/"), "/", true, "file:///"},
+      {FileURL::fileURLWithPath("///", true), "/", true, "file:///"},
+  };
+  for (const Case& item : cases) {
+    EXPECT_EQ(item.url.path(), item.path) << item.text;
+    EXPECT_EQ(item.url.hasDirectoryPath(), item.isDirectory) << item.text;
+    EXPECT_EQ(item.url.absoluteString(), item.text);
+  }
+  EXPECT_EQ(cases[0].url, FileURL::fileURLWithPath("/System/Volumes/Data", true));
 }
 
 }  // namespace

@@ -10,12 +10,11 @@
 namespace carrow::testing {
 
 /// Lays out a reply buffer byte by byte, as the kernel would, for golden-reply tests: each
-/// write appends at the end; `put32At` patches a word already written.
+/// write appends at the end.
 class ReplyBuilder {
  public:
   ReplyBuilder& u32(std::uint32_t value) { return raw(&value, 4); }
   ReplyBuilder& i32(std::int32_t value) { return raw(&value, 4); }
-  ReplyBuilder& u64(std::uint64_t value) { return raw(&value, 8); }
   ReplyBuilder& i64(std::int64_t value) { return raw(&value, 8); }
   ReplyBuilder& bytes(std::initializer_list<std::uint8_t> values) {
     for (auto value : values) bytes_.push_back(std::byte(value));
@@ -41,16 +40,13 @@ class ReplyBuilder {
     while (bytes_.size() % 4 != 0) bytes_.push_back(std::byte(0));
     return *this;
   }
-  void put32At(std::size_t offset, std::uint32_t value) {
-    std::memcpy(bytes_.data() + offset, &value, 4);
-  }
-  std::size_t size() const { return bytes_.size(); }
 
   /// The reply with its length word set to its size (or to `lengthWord`), inside a buffer of
   /// `bufferSize` bytes (at least the reply).
   std::vector<std::byte> finish(std::size_t bufferSize = 0, std::int64_t lengthWord = -1) {
     auto reply = bytes_;
-    put(reply, lengthWord < 0 ? std::uint32_t(reply.size()) : std::uint32_t(lengthWord));
+    const auto length = lengthWord < 0 ? std::uint32_t(reply.size()) : std::uint32_t(lengthWord);
+    std::memcpy(reply.data(), &length, 4);
     if (bufferSize > reply.size()) reply.resize(bufferSize);
     return reply;
   }
@@ -60,9 +56,6 @@ class ReplyBuilder {
     const auto* start = static_cast<const std::byte*>(data);
     bytes_.insert(bytes_.end(), start, start + size);
     return *this;
-  }
-  static void put(std::vector<std::byte>& reply, std::uint32_t length) {
-    std::memcpy(reply.data(), &length, 4);
   }
 
   std::vector<std::byte> bytes_;

@@ -10,38 +10,37 @@ namespace {
 using Key = AttrList::Key;
 using Options = AttrList::Options;
 
-TEST(AttrListRequest, NameAloneAsksForItAndTheReturnedSet) {
-  const std::vector<Key> keys = {Key::name};
-  const auto request = AttrList::request(keys, {});
-  EXPECT_EQ(request.bitmapCount, 5);
-  EXPECT_EQ(request.reserved, 0);
-  EXPECT_EQ(request.attributes, (AttributeSet{0x80000001, 0, 0, 0, 0}));
-  EXPECT_EQ(request.bufferSize, 24u + 774u);
-}
-
-TEST(AttrListRequest, AnyVolumeKeyAddsTheVolumeInfoBit) {
-  const std::vector<Key> keys = {Key::volumeSize};
-  const auto request = AttrList::request(keys, {});
-  EXPECT_EQ(request.attributes, (AttributeSet{0x80000000, 0x80000004, 0, 0, 0}));
-  // Room for the volume-information word too, which the kernel may return as an entry.
-  EXPECT_EQ(request.bufferSize, 24u + 8u + 4u);
-  const std::vector<Key> withInfo = {Key::volumeSize, Key::volInfo};
-  EXPECT_EQ(AttrList::request(withInfo, {}).bufferSize, 24u + 8u + 4u);
-}
-
-TEST(AttrListRequest, EmptyRequestHoldsOnlyTheReturnedSet) {
-  const auto request = AttrList::request({}, {});
-  EXPECT_EQ(request.attributes, (AttributeSet{0x80000000, 0, 0, 0, 0}));
-  EXPECT_EQ(request.bufferSize, 24u);
-}
-
-TEST(AttrListRequest, EachGroupHasItsOwnWord) {
-  const std::vector<Key> keys = {Key::fileLinkCount, Key::directoryEntryCount, Key::realFSID,
-                                 Key::fullPath, Key::filesystemTypeName};
-  const auto request = AttrList::request(keys, {});
-  EXPECT_EQ(request.attributes,
-            (AttributeSet{0x88000000, 0x80100000, 0x00000002, 0x00000001, 0x00000080}));
-  EXPECT_EQ(request.bufferSize, 24u + 4 + 4 + 8 + 1032 + 24 + 4);
+TEST(AttrListRequest, EachGroupHasItsWordAndEachEntryItsRoom) {
+  struct Case {
+    std::vector<Key> keys;
+    AttributeSet attributes;
+    std::size_t bufferSize;
+  };
+  const Case cases[] = {
+      // The returned set is always asked for and always has room.
+      {{}, {0x80000000, 0, 0, 0, 0}, 24},
+      {{Key::name}, {0x80000001, 0, 0, 0, 0}, 24 + 774},
+      // Any volume key adds the volume-information bit, and room for that word.
+      {{Key::volumeSize}, {0x80000000, 0x80000004, 0, 0, 0}, 24 + 8 + 4},
+      {{Key::volumeSize, Key::volInfo}, {0x80000000, 0x80000004, 0, 0, 0}, 24 + 8 + 4},
+      {{Key::fileLinkCount, Key::directoryEntryCount, Key::realFSID, Key::fullPath,
+        Key::filesystemTypeName},
+       {0x88000000, 0x80100000, 0x00000002, 0x00000001, 0x00000080},
+       24 + 4 + 4 + 8 + 1032 + 24 + 4},
+      // An other key reserves its own entry.
+      {{Key::other(RawAttrKey(RawAttrKey::Kind::common, 0x00004000u),
+                   AttrList::BufferEntryKind::fixed(AttrList::Decoders::unsigned64, 32))},
+       {0x80004000, 0, 0, 0, 0},
+       24 + 32},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(::testing::PrintToString(item.attributes));
+    const auto request = AttrList::request(item.keys, {});
+    EXPECT_EQ(request.bitmapCount, 5);
+    EXPECT_EQ(request.reserved, 0);
+    EXPECT_EQ(request.attributes, item.attributes);
+    EXPECT_EQ(request.bufferSize, item.bufferSize);
+  }
 }
 
 TEST(AttrListRequest, OptionsMapToKernelOptions) {
@@ -51,15 +50,6 @@ TEST(AttrListRequest, OptionsMapToKernelOptions) {
   EXPECT_EQ(AttrList::request({}, Options::volumeDefault()).kernelOptions, 0x225u);
   // The unused bit 1 sends nothing.
   EXPECT_EQ(AttrList::request({}, Options(1)).kernelOptions, 0x24u);
-}
-
-TEST(AttrListRequest, OtherKeysReserveTheirOwnEntry) {
-  const std::vector<Key> keys = {
-      Key::other(RawAttrKey(RawAttrKey::Kind::common, 0x00004000u),
-                 AttrList::BufferEntryKind::fixed(AttrList::Decoders::unsigned64, 32))};
-  const auto request = AttrList::request(keys, {});
-  EXPECT_EQ(request.attributes.commonattr, 0x80004000u);
-  EXPECT_EQ(request.bufferSize, 24u + 32u);
 }
 
 }  // namespace

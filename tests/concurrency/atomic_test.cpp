@@ -11,17 +11,11 @@
 namespace carrow {
 namespace {
 
-TEST(Atomic, CopiesShareTheLockAndConstructionsDoNot) {
-  Atomic<int> first(1);
-  Atomic<int> copy = first;
-  Atomic<int> second(1);
-  EXPECT_EQ(first.lock(), copy.lock());
-  EXPECT_NE(first.lock(), second.lock());
-}
-
-TEST(Atomic, CopyIsAnIndependentValue) {
+TEST(Atomic, CopiesShareTheLockButNotTheValue) {
   Atomic<std::string> first(std::string("a"));
   Atomic<std::string> copy = first;
+  EXPECT_EQ(first.lock(), copy.lock());
+  EXPECT_NE(first.lock(), Atomic<std::string>(std::string("a")).lock());
   copy.setWrappedValue("b");
   EXPECT_EQ(first.wrappedValue(), "a");
   EXPECT_EQ(copy.wrappedValue(), "b");
@@ -73,11 +67,8 @@ using AtomicDeathTest = ::testing::Test;
 TEST(AtomicDeathTest, IncrementOverflowStopsTheProcess) {
   Atomic<std::int8_t> cell(std::numeric_limits<std::int8_t>::max());
   EXPECT_DEATH(cell.increment(1), "CarrowPrivate/Locks:[0-9]+: Fatal error: arithmetic overflow");
-}
-
-TEST(AtomicDeathTest, UnsignedIncrementOverflowStopsTheProcess) {
-  Atomic<unsigned> cell(std::numeric_limits<unsigned>::max());
-  EXPECT_DEATH(cell.increment(1u), "Fatal error");
+  Atomic<unsigned> unsignedCell(std::numeric_limits<unsigned>::max());
+  EXPECT_DEATH(unsignedCell.increment(1u), "Fatal error");
 }
 
 struct Counted {
@@ -89,20 +80,16 @@ struct Counted {
   ~Counted() { ++destroyed; }
 };
 
-TEST(AtomicBox, DestroysTheStoredValueExactlyOnce) {
-  Counted::destroyed = 0;
-  {
-    AtomicBox<Counted> box(Counted(3));
-    Counted::destroyed = 0;
-  }
-  EXPECT_EQ(Counted::destroyed, 1);
-}
-
-TEST(AtomicBox, ReadWriteAndModify) {
+TEST(AtomicBox, ReadWriteModifyAndDestroyOnce) {
   AtomicBox<int> box(1);
   box.setValue(2);
   box.modify([](int& v) { v *= 10; });
   EXPECT_EQ(box.value(), 20);
+  {
+    AtomicBox<Counted> counted(Counted(3));
+    Counted::destroyed = 0;
+  }
+  EXPECT_EQ(Counted::destroyed, 1);
 }
 
 }  // namespace

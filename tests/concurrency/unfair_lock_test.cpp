@@ -10,11 +10,6 @@
 namespace carrow {
 namespace {
 
-TEST(CRUnfairLock, WithLockReturnsTheBodysResult) {
-  CRUnfairLock lock;
-  EXPECT_EQ(lock.withLock([] { return 42; }), 42);
-}
-
 TEST(CRUnfairLock, ThrowingBodyReleasesTheLockAndPassesTheSameError) {
   CRUnfairLock lock;
   const std::runtime_error original("boom");

@@ -11,15 +11,12 @@
 namespace carrow::platform {
 namespace {
 
-TEST(DispatchSemaphore, InitialUnitsAreTakenWithoutBlocking) {
+TEST(DispatchSemaphore, InitialUnitsAreTakenWithoutBlockingAndCannotBeNegative) {
   DispatchSemaphore semaphore(2);
   semaphore.wait();
   semaphore.wait();
   EXPECT_FALSE(semaphore.signal());  // nobody waits
   semaphore.wait();
-}
-
-TEST(DispatchSemaphore, NegativeInitialValueIsRejected) {
   EXPECT_THROW(DispatchSemaphore(-1), std::invalid_argument);
 }
 

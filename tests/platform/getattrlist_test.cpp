@@ -52,6 +52,13 @@ std::uint32_t packedDevice(std::uint32_t major, std::uint32_t minor) {
   return (minor & 0xff) | (major << 8) | ((minor & ~0xffu) << 12);
 }
 
+// The 32-bit word at `offset` of a reply.
+std::uint32_t word(const std::vector<unsigned char>& bytes, std::size_t offset) {
+  std::uint32_t value;
+  std::memcpy(&value, &bytes[offset], 4);
+  return value;
+}
+
 const attrgroup_t kObjectBasics = ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_NAME | ATTR_CMN_DEVID
                                   | ATTR_CMN_OBJTYPE | ATTR_CMN_FILEID | ATTR_CMN_FULLPATH;
 
@@ -293,28 +300,23 @@ TEST(GetAttrList, ReplyLayoutIsTheKernels) {
   auto reply = call(file, list, kOptions);
   ASSERT_EQ(reply.rc, 0);
   const auto& bytes = reply.bytes;
-  auto word = [&](std::size_t offset) {
-    std::uint32_t value;
-    std::memcpy(&value, &bytes[offset], 4);
-    return value;
-  };
   std::string fullPath = std::filesystem::canonical(file).string();
   // length | returned set (20) | name ref @24 | type @32 | file id @36 | full path ref @44 | data
-  EXPECT_EQ(word(4), ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_NAME | ATTR_CMN_OBJTYPE | ATTR_CMN_FULLPATH
-                         | ATTR_CMN_FILEID);
-  EXPECT_EQ(word(8), 0u);
-  EXPECT_EQ(word(24), 52u - 24u) << "offset counted from the reference itself";
-  EXPECT_EQ(word(28), 4u) << "length with the zero byte";
-  EXPECT_EQ(word(32), VREG);
-  EXPECT_EQ(word(44), 56u - 44u);
-  EXPECT_EQ(word(48), fullPath.size() + 1);
+  EXPECT_EQ(word(bytes, 4), ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_NAME | ATTR_CMN_OBJTYPE
+                                | ATTR_CMN_FULLPATH | ATTR_CMN_FILEID);
+  EXPECT_EQ(word(bytes, 8), 0u);
+  EXPECT_EQ(word(bytes, 24), 52u - 24u) << "offset counted from the reference itself";
+  EXPECT_EQ(word(bytes, 28), 4u) << "length with the zero byte";
+  EXPECT_EQ(word(bytes, 32), VREG);
+  EXPECT_EQ(word(bytes, 44), 56u - 44u);
+  EXPECT_EQ(word(bytes, 48), fullPath.size() + 1);
   EXPECT_EQ(std::memcmp(&bytes[52], "abc", 4), 0);
   std::size_t padded = (fullPath.size() + 1 + 3) / 4 * 4;
   EXPECT_EQ(std::memcmp(&bytes[56], fullPath.c_str(), fullPath.size() + 1), 0);
   for (std::size_t i = 56 + fullPath.size() + 1; i < 56 + padded; ++i) {
     EXPECT_EQ(bytes[i], 0) << "padding at " << i;
   }
-  EXPECT_EQ(word(0), 56 + padded);
+  EXPECT_EQ(word(bytes, 0), 56 + padded);
   EXPECT_EQ(bytes[56 + padded], 0xEE) << "nothing written past the reply";
 }
 
@@ -323,16 +325,11 @@ TEST(GetAttrList, ReturnedSetIsOmittedWhenNotAsked) {
   std::string file = tree.file("x");
   auto reply = call(file, request(ATTR_CMN_OBJTYPE | ATTR_CMN_NAME), kOptions);
   ASSERT_EQ(reply.rc, 0);
-  std::uint32_t length;
-  std::uint32_t type;
-  attrreference_t name;
-  std::memcpy(&length, &reply.bytes[0], 4);
-  std::memcpy(&name, &reply.bytes[4], 8);
-  std::memcpy(&type, &reply.bytes[12], 4);
-  EXPECT_EQ(length, 20u);
-  EXPECT_EQ(type, VREG);
-  EXPECT_EQ(name.attr_dataoffset, 12);
-  EXPECT_EQ(name.attr_length, 2u);
+  // length | name ref @4 | type @12 | "x"
+  EXPECT_EQ(word(reply.bytes, 0), 20u);
+  EXPECT_EQ(word(reply.bytes, 4), 12u);
+  EXPECT_EQ(word(reply.bytes, 8), 2u);
+  EXPECT_EQ(word(reply.bytes, 12), VREG);
   EXPECT_EQ(reply.bytes[16], 'x');
 }
 
@@ -342,8 +339,7 @@ TEST(GetAttrList, NeverWritesPastTheBufferAndReportsTheFullSize) {
   auto list = request(kObjectBasics | ATTR_CMN_MODTIME, 0, 0, ATTR_FILE_TOTALSIZE);
   auto full = call(file, list, kOptions);
   ASSERT_EQ(full.rc, 0);
-  std::uint32_t fullSize;
-  std::memcpy(&fullSize, full.bytes.data(), 4);
+  const std::uint32_t fullSize = word(full.bytes, 0);
   ASSERT_EQ(fullSize % 4, 0u);
 
   constexpr std::size_t kGuard = 64;
@@ -354,10 +350,8 @@ TEST(GetAttrList, NeverWritesPastTheBufferAndReportsTheFullSize) {
       for (std::size_t i = size; i < buffer.size(); ++i) {
         ASSERT_EQ(buffer[i], 0xAA) << "byte " << i << " written with a buffer of " << size;
       }
-      std::uint32_t length;
-      std::memcpy(&length, buffer.data(), 4);
-      bool reportsFull = (options & FSOPT_REPORT_FULLSIZE) != 0;
-      EXPECT_EQ(length, reportsFull ? fullSize : std::min<std::size_t>(fullSize, size));
+      const bool reportsFull = (options & FSOPT_REPORT_FULLSIZE) != 0;
+      EXPECT_EQ(word(buffer, 0), reportsFull ? fullSize : std::min<std::size_t>(fullSize, size));
       std::size_t common = std::min<std::size_t>(size, fullSize);
       EXPECT_EQ(std::memcmp(buffer.data() + 4, full.bytes.data() + 4, common - 4), 0)
           << "a cut reply is a prefix of the whole one";
@@ -372,20 +366,13 @@ TEST(GetAttrList, PackedInvalidAttributesKeepTheirPlaceButAreNotReturned) {
       request(ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_MODTIME | ATTR_CMN_BKUPTIME | ATTR_CMN_OWNERID);
   auto reply = call(file, list, kOptions | FSOPT_PACK_INVAL_ATTRS);
   ASSERT_EQ(reply.rc, 0);
-  std::uint32_t length;
-  attribute_set_t returned;
-  std::uint32_t owner;
-  std::memcpy(&length, &reply.bytes[0], 4);
-  std::memcpy(&returned, &reply.bytes[4], 20);
-  std::memcpy(&owner, &reply.bytes[24 + 16 + 16], 4);
-  EXPECT_EQ(returned.commonattr, ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_MODTIME | ATTR_CMN_OWNERID);
-  EXPECT_EQ(length, 24u + 16 + 16 + 4);
-  EXPECT_EQ(owner, lookUp(file, true).stx_uid);
+  // length | returned set | modified @24 | backed up @40 (zeros) | owner @56
+  EXPECT_EQ(word(reply.bytes, 4), ATTR_CMN_RETURNED_ATTRS | ATTR_CMN_MODTIME | ATTR_CMN_OWNERID);
+  EXPECT_EQ(word(reply.bytes, 0), 24u + 16 + 16 + 4);
+  EXPECT_EQ(word(reply.bytes, 56), lookUp(file, true).stx_uid);
   for (std::size_t i = 40; i < 56; ++i) EXPECT_EQ(reply.bytes[i], 0);
-
-  auto unpacked = call(file, list, kOptions);
-  std::memcpy(&length, &unpacked.bytes[0], 4);
-  EXPECT_EQ(length, 24u + 16 + 4) << "without packing, an absent attribute takes no room";
+  EXPECT_EQ(word(call(file, list, kOptions).bytes, 0), 24u + 16 + 4)
+      << "without packing, an absent attribute takes no room";
 }
 
 TEST(GetAttrList, ExtendedCommonAttributesRideInTheForkWord) {

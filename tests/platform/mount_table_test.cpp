@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <fstream>
@@ -104,8 +105,9 @@ TEST(MountTable, BadInputIsAClearError) {
   EXPECT_TRUE(parse("").empty());
 }
 
-TEST(MountTable, ConcurrentReadsAgree) {
+TEST(MountTable, LiveTableHasTheRootAndConcurrentReadsAgree) {
   auto reference = readMountTable();
+  EXPECT_TRUE(std::ranges::any_of(reference, [](auto& entry) { return entry.mountPoint == "/"; }));
   std::atomic<int> mismatches{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -117,14 +119,6 @@ TEST(MountTable, ConcurrentReadsAgree) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(mismatches.load(), 0);
-}
-
-TEST(MountTable, LiveTableHasTheRoot) {
-  auto entries = readMountTable();
-  ASSERT_FALSE(entries.empty());
-  bool hasRoot = false;
-  for (const auto& entry : entries) hasRoot = hasRoot || entry.mountPoint == "/";
-  EXPECT_TRUE(hasRoot);
 }
 
 }  // namespace

@@ -80,17 +80,6 @@ TEST(Actor, BackOnTheActorAfterAnAwaitCompletedOnAForeignThread) {
   }
 }
 
-TEST(Actor, CallerIsBackOnItsOwnExecutorAfterAnActorOperation) {
-  auto ledger = std::make_shared<Ledger>();
-  runMain([ledger]() -> Async<void> {
-    EXPECT_TRUE(globalExecutor().isCurrent());
-    co_await ledger->deposit(3);
-    EXPECT_FALSE(ledger->isIsolated());
-    EXPECT_TRUE(globalExecutor().isCurrent());
-    EXPECT_EQ(co_await ledger->balance(), 3);
-  });
-}
-
 TEST(Actor, EnteringTheActorOneIsOnDoesNotQueue) {
   auto ledger = std::make_shared<Ledger>();
   runMain([ledger]() -> Async<void> {

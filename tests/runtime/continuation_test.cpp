@@ -24,9 +24,13 @@ TEST(Continuation, ResumedSynchronouslyInsideTheBody) {
     const int first = co_await withCheckedContinuation<int>("sync", body);
     auto unsafeBody = [](UnsafeContinuation<int> continuation) { continuation.resume(31); };
     const int second = co_await withUnsafeContinuation<int>(unsafeBody);
-    co_return first + second;
+    auto resultBody = [](UnsafeContinuation<int> continuation) {
+      continuation.resumeWith(Result<int>::success(8));
+    };
+    const int third = co_await withUnsafeThrowingContinuation<int>(resultBody);
+    co_return first + second + third;
   });
-  EXPECT_EQ(value, 42);
+  EXPECT_EQ(value, 50);
 }
 
 TEST(Continuation, ResumedWithAnErrorFromAForeignThread) {
@@ -57,16 +61,6 @@ TEST(Continuation, ResumingNeverRunsTheTaskOnTheResumingThread) {
     std::lock_guard guard(*mutex);
     EXPECT_EQ(*resumer, std::thread::id());
   });
-}
-
-TEST(Continuation, ResumeWithResultValue) {
-  const int value = runMain([]() -> Async<int> {
-    auto body = [](UnsafeContinuation<int> continuation) {
-      continuation.resumeWith(Result<int>::success(8));
-    };
-    co_return co_await withUnsafeThrowingContinuation<int>(body);
-  });
-  EXPECT_EQ(value, 8);
 }
 
 TEST(ContinuationDeathTest, SecondResumeStopsTheProcessNamingTheContinuation) {

@@ -14,47 +14,44 @@
 namespace carrow {
 namespace {
 
+// What the jobs of one test share.
+struct Shared {
+  Shared(const Executor& owner, int producers) : executor(owner), seen(producers) {}
+  const Executor& executor;
+  std::atomic<int> inside{0};
+  std::atomic<int> finished{0};
+  std::vector<std::vector<int>> seen;
+};
+
 // A job that records the order it ran in and checks nothing else of its executor ran meanwhile.
 class RecordingJob final : public Job {
  public:
-  RecordingJob(int producerIndex, int sequenceNumber, const Executor& owner,
-               std::atomic<int>& insideCounter, std::vector<std::vector<int>>& seenByProducer,
-               std::atomic<int>& finishedCount)
-      : producer(producerIndex),
-        sequence(sequenceNumber),
-        executor(owner),
-        inside(insideCounter),
-        seen(seenByProducer),
-        finished(finishedCount) {}
+  RecordingJob(Shared& shared, int producer, int sequence)
+      : shared_(shared), producer_(producer), sequence_(sequence) {}
 
   void run() noexcept override {
-    EXPECT_EQ(inside.fetch_add(1), 0);
-    EXPECT_TRUE(executor.isCurrent());
-    seen[producer].push_back(sequence);  // unsynchronised on purpose: the executor is serial
-    inside.fetch_sub(1);
-    finished.fetch_add(1, std::memory_order_release);
+    EXPECT_EQ(shared_.inside.fetch_add(1), 0);
+    EXPECT_TRUE(shared_.executor.isCurrent());
+    shared_.seen[producer_].push_back(sequence_);  // unsynchronised on purpose: serial executor
+    shared_.inside.fetch_sub(1);
+    shared_.finished.fetch_add(1, std::memory_order_release);
   }
 
-  int producer;
-  int sequence;
-  const Executor& executor;
-  std::atomic<int>& inside;
-  std::vector<std::vector<int>>& seen;
-  std::atomic<int>& finished;
+ private:
+  Shared& shared_;
+  int producer_;
+  int sequence_;
 };
 
 TEST(SerialExecutor, RunsJobsOneAtATimeInTheOrderEachProducerQueuedThem) {
   constexpr int kProducers = 4;
   constexpr int kJobsEach = 2000;
   SerialExecutor serial;
-  std::atomic<int> inside{0};
-  std::atomic<int> finished{0};
-  std::vector<std::vector<int>> seen(kProducers);
+  Shared shared(serial, kProducers);
   std::vector<std::unique_ptr<RecordingJob>> jobs;
   for (int p = 0; p < kProducers; ++p) {
-    for (int i = 0; i < kJobsEach; ++i) {
-      jobs.push_back(std::make_unique<RecordingJob>(p, i, serial, inside, seen, finished));
-    }
+    for (int i = 0; i < kJobsEach; ++i)
+      jobs.push_back(std::make_unique<RecordingJob>(shared, p, i));
   }
   std::vector<std::thread> producers;
   for (int p = 0; p < kProducers; ++p) {
@@ -63,32 +60,14 @@ TEST(SerialExecutor, RunsJobsOneAtATimeInTheOrderEachProducerQueuedThem) {
     });
   }
   for (auto& producer : producers) producer.join();
-  while (finished.load(std::memory_order_acquire) < kProducers * kJobsEach) {
+  while (shared.finished.load(std::memory_order_acquire) < kProducers * kJobsEach) {
     std::this_thread::yield();
   }
   for (int p = 0; p < kProducers; ++p) {
-    ASSERT_EQ(seen[p].size(), static_cast<size_t>(kJobsEach));
-    for (int i = 0; i < kJobsEach; ++i) ASSERT_EQ(seen[p][i], i);
+    ASSERT_EQ(shared.seen[p].size(), static_cast<size_t>(kJobsEach));
+    for (int i = 0; i < kJobsEach; ++i) ASSERT_EQ(shared.seen[p][i], i);
   }
   EXPECT_FALSE(serial.isCurrent());
-}
-
-TEST(GlobalExecutor, RunsJobsFromPlainThreadsOnItsWorkers) {
-  class CountingJob final : public Job {
-   public:
-    explicit CountingJob(std::atomic<int>& counter) : count(counter) {}
-    void run() noexcept override {
-      EXPECT_TRUE(globalExecutor().isCurrent());
-      count.fetch_add(1, std::memory_order_release);
-    }
-    std::atomic<int>& count;
-  };
-  std::atomic<int> count{0};
-  std::vector<std::unique_ptr<CountingJob>> jobs;
-  for (int i = 0; i < 1000; ++i) jobs.push_back(std::make_unique<CountingJob>(count));
-  for (auto& job : jobs) globalExecutor().enqueue(*job);
-  while (count.load(std::memory_order_acquire) < 1000) std::this_thread::yield();
-  EXPECT_FALSE(globalExecutor().isCurrent());
 }
 
 class Worker : public Actor {

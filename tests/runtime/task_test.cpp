@@ -125,29 +125,5 @@ TEST(Task, InheritsPriorityUnlessGivenOne) {
   });
 }
 
-TEST(Task, ManyConcurrentTasksAllComplete) {
-  const long total = runMain([]() -> Async<long> {
-    std::vector<Task<long>> tasks;
-    for (long i = 0; i < 2000; ++i) {
-      tasks.push_back(Task<long>::start([i]() -> Async<long> {
-        co_await yieldNow();
-        co_return i;
-      }));
-    }
-    long sum = 0;
-    for (auto& task : tasks) sum += co_await task.value();
-    co_return sum;
-  });
-  EXPECT_EQ(total, 1999L * 2000 / 2);
-}
-
-TEST(RunMain, RethrowsTheBodysError) {
-  EXPECT_THROW(runMain([]() -> Async<void> {
-                 co_await yieldNow();
-                 throw std::invalid_argument("main failed");
-               }),
-               std::invalid_argument);
-}
-
 }  // namespace
 }  // namespace carrow

@@ -66,21 +66,18 @@ Async<std::vector<std::string>> play(Sequence sequence, int count) {
 
 using Results = std::vector<std::string>;
 
-TEST(AnyAsyncSequence, SwallowsErrorsAsTheEndAndKeepsTheWrappedIterator) {
-  const auto results = runMain([]() -> Async<Results> {
-    AnyAsyncSequence<int> erased(Scripted({1, -1, 3}));
-    co_return co_await play(erased, 4);
+TEST(AnyAsyncSequence, SwallowsErrorsAsTheEndWhereTheThrowingFormPassesThemOn) {
+  const auto results = runMain([]() -> Async<std::pair<Results, Results>> {
+    // The error reads as the end; the next call asks the wrapped iterator again.
+    // (Sequences are made before the awaits: g++ 12 miscompiles initializer lists inside them.)
+    const AnyAsyncSequence<int> quiet(Scripted({1, -1, 3}));
+    const AnyAsyncThrowingSequence<int> throwing(Scripted({1, -2, 3}));
+    auto swallowed = co_await play(quiet, 4);
+    auto passed = co_await play(throwing, 4);
+    co_return std::pair(swallowed, passed);
   });
-  // The error reads as the end; the next call asks the wrapped iterator again.
-  EXPECT_EQ(results, (Results{"1", "end", "3", "end"}));
-}
-
-TEST(AnyAsyncThrowingSequence, PassesErrorsOnUnchanged) {
-  const auto results = runMain([]() -> Async<Results> {
-    AnyAsyncThrowingSequence<int> erased(Scripted({1, -2, 3}));
-    co_return co_await play(erased, 4);
-  });
-  EXPECT_EQ(results, (Results{"1", "error: scripted failure 2", "3", "end"}));
+  EXPECT_EQ(results.first, (Results{"1", "end", "3", "end"}));
+  EXPECT_EQ(results.second, (Results{"1", "error: scripted failure 2", "3", "end"}));
 }
 
 TEST(AnyAsyncSequence, StreamThatThrowsAfterOneElement) {
@@ -131,25 +128,29 @@ TEST(AnyAsyncThrowingSequence, CopiesAndWrappersIterateIndependently) {
 }
 
 TEST(AnyAsyncSequence, ErasedIteratorBoxesAnyIterator) {
-  const auto results = runMain([]() -> Async<Results> {
-    Scripted scripted({8, -1, 9});
-    AnyAsyncThrowingSequence<int>::Iterator throwing(scripted.makeAsyncIterator());
-    AnyAsyncSequence<int>::Iterator quiet(scripted.makeAsyncIterator());
-    Results results;
-    for (int i = 0; i < 3; ++i) {
-      auto element = co_await quiet.next();
-      results.push_back(element ? std::to_string(*element) : "end");
+  // The same plays as above, through the iterators' own constructors.
+  struct Boxing {
+    Scripted scripted;
+    AnyAsyncSequence<int>::Iterator makeAsyncIterator() const {
+      return AnyAsyncSequence<int>::Iterator(scripted.makeAsyncIterator());
     }
-    co_await throwing.next();
-    try {
-      co_await throwing.next();
-      results.push_back("no error");
-    } catch (const std::runtime_error&) {
-      results.push_back("threw");
+  };
+  struct ThrowingBoxing {
+    Scripted scripted;
+    AnyAsyncThrowingSequence<int>::Iterator makeAsyncIterator() const {
+      return AnyAsyncThrowingSequence<int>::Iterator(scripted.makeAsyncIterator());
     }
-    co_return results;
+  };
+  const auto results = runMain([]() -> Async<std::pair<Results, Results>> {
+    const Scripted scripted({8, -1, 9});
+    const Boxing boxing{scripted};
+    const ThrowingBoxing throwingBoxing{scripted};
+    auto quiet = co_await play(boxing, 3);
+    auto throwing = co_await play(throwingBoxing, 3);
+    co_return std::pair(quiet, throwing);
   });
-  EXPECT_EQ(results, (Results{"8", "end", "9", "threw"}));
+  EXPECT_EQ(results.first, (Results{"8", "end", "9"}));
+  EXPECT_EQ(results.second, (Results{"8", "error: scripted failure 1", "9"}));
 }
 
 }  // namespace

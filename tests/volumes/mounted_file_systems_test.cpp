@@ -37,31 +37,28 @@ struct FakeKernel {
   }
 };
 
-std::vector<platform::statfs> list(FakeKernel& kernel) {
-  return detail::mountedFileSystems(std::ref(kernel));
-}
-
 TEST(MountedFileSystems, AsksForTheCountThenForTenMore) {
-  FakeKernel kernel{3, 3, {}};
-  const auto records = list(kernel);
-  ASSERT_EQ(records.size(), 3u);
-  EXPECT_STREQ(records[2].f_mntonname, "/mnt/2");
-  EXPECT_EQ(kernel.bufferSizes, (std::vector<int>{0, 13 * 2168}));
-}
-
-TEST(MountedFileSystems, MountsBetweenTheCallsFitInTheSpareRoom) {
-  FakeKernel kernel{3, 13, {}};
-  EXPECT_EQ(list(kernel).size(), 13u);
-  FakeKernel crowded{3, 20, {}};
-  EXPECT_EQ(list(crowded).size(), 13u);  // the kernel fills what fits
-  FakeKernel unmounted{3, 1, {}};
-  EXPECT_EQ(list(unmounted).size(), 1u);
-}
-
-TEST(MountedFileSystems, NoneMountedMakesOneCall) {
-  FakeKernel kernel{0, 0, {}};
-  EXPECT_TRUE(list(kernel).empty());
-  EXPECT_EQ(kernel.bufferSizes.size(), 1u);
+  struct Case {
+    int mounted, later;
+    std::size_t listed;
+    std::vector<int> bufferSizes;
+  };
+  const Case cases[] = {
+      {3, 3, 3, {0, 13 * 2168}},
+      {3, 13, 13, {0, 13 * 2168}},  // mounts between the calls fit in the spare room
+      {3, 20, 13, {0, 13 * 2168}},  // the kernel fills what fits
+      {3, 1, 1, {0, 13 * 2168}},
+      {0, 0, 0, {0}},  // none mounted makes one call
+  };
+  for (const Case& item : cases) {
+    FakeKernel kernel{item.mounted, item.later, {}};
+    const auto records = detail::mountedFileSystems(std::ref(kernel));
+    ASSERT_EQ(records.size(), item.listed) << item.mounted << " then " << item.later;
+    if (!records.empty()) {
+      EXPECT_EQ(records.back().f_mntonname, "/mnt/" + std::to_string(records.size() - 1));
+    }
+    EXPECT_EQ(kernel.bufferSizes, item.bufferSizes);
+  }
 }
 
 TEST(MountedFileSystems, FailuresCarryErrnoOrENODEV) {

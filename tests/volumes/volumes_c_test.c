@@ -1,4 +1,6 @@
-/* Lists the mounted volumes through the C interface, as a C program would. */
+/* Uses the C interface as a C program would: lists the volumes, describes the root through its
+ * handle, and checks errors and reference counting. */
+#include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,20 +25,24 @@ static void logToStderr(void* context, CRLogLevelC level, const char* category,
   fprintf(stderr, "log %d %s: %s\n", (int)level, category ? category : "-", message);
 }
 
+/* Whether `text` (which this frees) equals `expected`; NULL matches NULL only. */
+static int takeEquals(char* text, const char* expected) {
+  int equal = text && expected ? strcmp(text, expected) == 0 : text == expected;
+  free(text);
+  return equal;
+}
+
 static void printText(const char* label, char* text) {
   printf(" %s=%s", label, text ? text : "-");
   free(text);
 }
 
-int main(void) {
-  int records = 0;
-  CRLogSetHandler(logToStderr, &records);
-
+static void listVolumes(void) {
   CRError error = {CRErrorDomainOther, -1};
   CRAttrListDiskList* volumes = CRAttrListDiskFactoryMountedVolumes(&error);
   CHECK(volumes != NULL);
   CHECK(error.domain == CRErrorDomainNone);
-  if (!volumes) return 1;
+  if (!volumes) return;
 
   int sawRoot = 0;
   for (size_t i = 0; i < CRAttrListDiskListCount(volumes); ++i) {
@@ -62,12 +68,60 @@ int main(void) {
            CRAttrListDiskGetTraits(disk));
   }
   CHECK(sawRoot);
+
+  /* A retained handle outlives its list. */
+  CRAttrListDisk* first = CRAttrListDiskRetain(CRAttrListDiskListGet(volumes, 0));
   CRAttrListDiskListRelease(volumes);
+  CHECK(!takeEquals(CRAttrListDiskCopyMountPoint(first), NULL));
+  CRAttrListDiskRelease(first);
+  CRAttrListDiskListRelease(NULL);
+}
 
+static void describeRoot(void) {
+  CRError error = {CRErrorDomainOther, -1};
+  CRAttrListDisk* root = CRAttrListDiskFactoryAttrVolumeWithMountPoint("/", &error);
+  CHECK(root != NULL);
+  CHECK(error.domain == CRErrorDomainNone);
+  if (!root) return;
+  CHECK(takeEquals(CRAttrListDiskCopyMountPoint(root), "/"));
+  CHECK(!takeEquals(CRAttrListDiskCopyFilesystemTypeName(root), NULL));
+  CHECK(!takeEquals(CRAttrListDiskCopyDevicePath(root), NULL));
+  CHECK(takeEquals(CRAttrListDiskCopySnapshotName(root), NULL));
+  CHECK(!CRAttrListDiskGetQuota(root, NULL));
+  char* description = CRAttrListDiskCopyDescription(root);
+  CHECK(description && strncmp(description, "AttrListDisk(", 13) == 0);
+  free(description);
+
+  /* A retained handle outlives the first release. */
+  CHECK(CRAttrListDiskRetain(root) == root);
+  CRAttrListDiskRelease(root);
+  CHECK(takeEquals(CRAttrListDiskCopyMountPoint(root), "/"));
+  CRAttrListDiskRelease(root);
+  CRAttrListDiskRelease(NULL);
+}
+
+static void reportErrors(void) {
+  CRError error = {CRErrorDomainOther, -1};
   CHECK(CRAttrListDiskFactoryAttrVolumeWithMountPoint("/nonexistent/carrow", &error) == NULL);
-  CHECK(error.domain == CRErrorDomainPOSIX && error.code == 2);
+  CHECK(error.domain == CRErrorDomainPOSIX && error.code == ENOENT);
+  CHECK(strcmp(CRErrorDomainName(CRErrorDomainPOSIX), "POSIX") == 0);
   CHECK(strcmp(CRErrorDomainName(CRErrorDomainAttrList), "AttrList.Error") == 0);
+  /* The error pointer is optional. */
+  CHECK(CRAttrListDiskFactoryAttrVolumeWithMountPoint("/nonexistent/carrow", NULL) == NULL);
+  CHECK(CRAttrListDiskFactoryAttrVolumeWithMountPoint(NULL, &error) == NULL);
+  CHECK(error.domain == CRErrorDomainPOSIX && error.code == EINVAL);
+  /* Where there is no booted data volume the answer is NULL. */
+  CRAttrListDisk* data = CRAttrListDiskFactoryBootedDataVolume();
+  CHECK(!data || takeEquals(CRAttrListDiskCopyMountPoint(data), "/System/Volumes/Data"));
+  CRAttrListDiskRelease(data);
+}
 
+int main(void) {
+  int records = 0;
+  CRLogSetHandler(logToStderr, &records);
+  listVolumes();
+  describeRoot();
+  reportErrors();
   if (failures) fprintf(stderr, "%d failures\n", failures);
   return failures ? 1 : 0;
 }
