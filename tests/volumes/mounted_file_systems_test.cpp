@@ -37,7 +37,7 @@ struct FakeKernel {
   }
 };
 
-std::vector<platform::statfs> list(FakeKernel& kernel) {
+detail::StatfsRecords list(FakeKernel& kernel) {
   return detail::mountedFileSystems(std::ref(kernel));
 }
 
