@@ -22,11 +22,10 @@ install(FILES
   ${PROJECT_BINARY_DIR}/CarrowPrivateConfigVersion.cmake
   DESTINATION ${CARROW_CMAKE_DIR})
 
-# libmount is loaded at run time (dlopen), never linked, so a static build needs only the loader.
-if(BUILD_SHARED_LIBS OR NOT CMAKE_DL_LIBS)
+if(BUILD_SHARED_LIBS)
   set(CARROW_PC_PRIVATE_LIBS "")
 else()
-  set(CARROW_PC_PRIVATE_LIBS "-l${CMAKE_DL_LIBS}")
+  set(CARROW_PC_PRIVATE_LIBS "-lmount")
 endif()
 # The .pc file finds its prefix relative to itself, so an installed tree can be moved.
 file(RELATIVE_PATH CARROW_PC_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")

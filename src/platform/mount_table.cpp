@@ -9,9 +9,9 @@
 #include <system_error>
 #include <unordered_map>
 
-#include <carrow/platform/mount_table.h>
+#include <libmount/libmount.h>
 
-#include "libmount_loader.h"
+#include <carrow/platform/mount_table.h>
 
 namespace carrow::platform {
 namespace {
@@ -40,10 +40,10 @@ bool isNetworkType(std::string_view type) {
 }
 
 struct TableDeleter {
-  void operator()(libmnt_table* table) const noexcept { detail::libMount().unrefTable(table); }
+  void operator()(libmnt_table* table) const noexcept { mnt_unref_table(table); }
 };
 struct IterDeleter {
-  void operator()(libmnt_iter* iter) const noexcept { detail::libMount().freeIter(iter); }
+  void operator()(libmnt_iter* iter) const noexcept { mnt_free_iter(iter); }
 };
 
 // Where the first malformed line of a parse is recorded; libmount hands it to the error callback.
@@ -52,7 +52,7 @@ struct ParseState {
 };
 
 int onParseError(libmnt_table* table, const char* /*filename*/, int line) {
-  auto* state = static_cast<ParseState*>(detail::libMount().tableGetUserdata(table));
+  auto* state = static_cast<ParseState*>(mnt_table_get_userdata(table));
   if (state != nullptr && state->badLine == 0) state->badLine = line;
   return 1;  // Skip the line; the parse is rejected afterwards with the line number.
 }
@@ -61,10 +61,10 @@ std::string text(const char* value) {
   return value != nullptr ? std::string(value) : std::string();
 }
 
-void applyOptionFlags(const detail::LibMount& mount, const char* options, MountEntry& entry) {
+void applyOptionFlags(const char* options, MountEntry& entry) {
   if (options == nullptr) return;
   unsigned long flags = 0;
-  if (mount.optstrGetFlags(options, &flags, mount.getBuiltinOptmap(MNT_LINUX_MAP)) != 0) return;
+  if (mnt_optstr_get_flags(options, &flags, mnt_get_builtin_optmap(MNT_LINUX_MAP)) != 0) return;
   entry.readOnly = entry.readOnly || (flags & MS_RDONLY) != 0;
   entry.noSuid = entry.noSuid || (flags & MS_NOSUID) != 0;
   entry.noDev = entry.noDev || (flags & MS_NODEV) != 0;
@@ -73,22 +73,22 @@ void applyOptionFlags(const detail::LibMount& mount, const char* options, MountE
   entry.noAccessTime = entry.noAccessTime || (flags & MS_NOATIME) != 0;
 }
 
-MountEntry makeEntry(const detail::LibMount& mount, libmnt_fs* fs) {
+MountEntry makeEntry(libmnt_fs* fs) {
   MountEntry entry;
-  entry.id = mount.fsGetId(fs);
-  entry.parentId = mount.fsGetParentId(fs);
-  dev_t device = mount.fsGetDevno(fs);
+  entry.id = mnt_fs_get_id(fs);
+  entry.parentId = mnt_fs_get_parent_id(fs);
+  dev_t device = mnt_fs_get_devno(fs);
   entry.deviceMajor = major(device);
   entry.deviceMinor = minor(device);
-  entry.source = text(mount.fsGetSource(fs));
-  entry.mountPoint = text(mount.fsGetTarget(fs));
-  entry.root = text(mount.fsGetRoot(fs));
-  entry.fsType = text(mount.fsGetFstype(fs));
-  entry.mountOptions = text(mount.fsGetVfsOptions(fs));
-  entry.superblockOptions = text(mount.fsGetFsOptions(fs));
-  applyOptionFlags(mount, mount.fsGetVfsOptions(fs), entry);
-  applyOptionFlags(mount, mount.fsGetFsOptions(fs), entry);
-  entry.isNetwork = mount.fsIsNetfs(fs) != 0 || isNetworkType(entry.fsType);
+  entry.source = text(mnt_fs_get_source(fs));
+  entry.mountPoint = text(mnt_fs_get_target(fs));
+  entry.root = text(mnt_fs_get_root(fs));
+  entry.fsType = text(mnt_fs_get_fstype(fs));
+  entry.mountOptions = text(mnt_fs_get_vfs_options(fs));
+  entry.superblockOptions = text(mnt_fs_get_fs_options(fs));
+  applyOptionFlags(mnt_fs_get_vfs_options(fs), entry);
+  applyOptionFlags(mnt_fs_get_fs_options(fs), entry);
+  entry.isNetwork = mnt_fs_is_netfs(fs) != 0 || isNetworkType(entry.fsType);
   entry.isPseudo = contains(kPseudoTypes, entry.fsType);
   entry.isAutomount = entry.fsType == "autofs";
   return entry;
@@ -97,15 +97,14 @@ MountEntry makeEntry(const detail::LibMount& mount, libmnt_fs* fs) {
 }  // namespace
 
 std::vector<MountEntry> parseMountTable(const std::filesystem::path& mountinfoFile) {
-  const detail::LibMount& mount = detail::libMount();
-  std::unique_ptr<libmnt_table, TableDeleter> table(mount.newTable());
+  std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table());
   if (!table) throw std::system_error(ENOMEM, std::generic_category(), "mount table");
   ParseState state;
-  mount.tableSetUserdata(table.get(), &state);
-  mount.tableSetParserErrcb(table.get(), onParseError);
+  mnt_table_set_userdata(table.get(), &state);
+  mnt_table_set_parser_errcb(table.get(), onParseError);
   // libmount tells the format from the content and unescapes the octal escapes (\040 for a
   // blank) of sources and mount points.
-  int rc = mount.tableParseFile(table.get(), mountinfoFile.c_str());
+  int rc = mnt_table_parse_file(table.get(), mountinfoFile.c_str());
   if (rc < 0 && state.badLine == 0) {
     throw std::system_error(-rc, std::generic_category(), mountinfoFile.string());
   }
@@ -116,12 +115,10 @@ std::vector<MountEntry> parseMountTable(const std::filesystem::path& mountinfoFi
   }
 
   std::vector<MountEntry> entries;
-  std::unique_ptr<libmnt_iter, IterDeleter> iter(mount.newIter(MNT_ITER_FORWARD));
+  std::unique_ptr<libmnt_iter, IterDeleter> iter(mnt_new_iter(MNT_ITER_FORWARD));
   if (!iter) throw std::system_error(ENOMEM, std::generic_category(), "mount table");
   libmnt_fs* fs = nullptr;
-  while (mount.tableNextFs(table.get(), iter.get(), &fs) == 0) {
-    entries.push_back(makeEntry(mount, fs));
-  }
+  while (mnt_table_next_fs(table.get(), iter.get(), &fs) == 0) entries.push_back(makeEntry(fs));
 
   // A mount made on an automount trigger was made by the automounter: touching it may wait on
   // the automounter or on the server behind it.

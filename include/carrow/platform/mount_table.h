@@ -34,8 +34,7 @@ struct MountEntry {
 };
 
 /// The mount table of the calling process's mount namespace (/proc/self/mountinfo), in table
-/// order. Throws std::system_error when it cannot be read, or with ELIBACC when libmount (loaded
-/// on first use) cannot be loaded.
+/// order. Throws std::system_error when it cannot be read.
 std::vector<MountEntry> readMountTable();
 
 /// Parses a file in mountinfo format. Throws std::system_error when it cannot be read or parsed.
