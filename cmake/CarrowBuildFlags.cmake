@@ -18,3 +18,9 @@ function(carrow_target_flags target)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
 endfunction()
+
+# Link flags that keep a process's start-up short: only the libraries a target calls directly
+# are recorded as needed, and the linker optimises the dynamic symbol hash tables.
+function(carrow_link_flags target)
+  target_link_options(${target} PRIVATE LINKER:--as-needed LINKER:-O1)
+endfunction()

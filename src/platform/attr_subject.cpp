@@ -220,6 +220,10 @@ int AttrSubject::volumeDescriptor() {
 const std::optional<std::string>& AttrSubject::volumeLabel() {
   if (!labelDone_) {
     labelDone_ = true;
+    // Kernel interfaces (proc, sysfs, cgroup and the like) have no label: asking costs an open, a
+    // failing ioctl and a close. Skipped when the mount is already known, so that a request for
+    // the label alone does not read the mount table for it.
+    if (mountDone_ && mount_ != nullptr && mount_->isPseudo) return label_;
     int fd = volumeDescriptor();
     if (fd >= 0) label_ = detail::volumeLabel(fd);
   }
@@ -230,7 +234,10 @@ const std::optional<std::array<unsigned char, 16>>& AttrSubject::volumeUUID() {
   if (!uuidDone_) {
     uuidDone_ = true;
     const MountEntry* entry = mount();
-    if (entry != nullptr) uuid_ = detail::volumeUUID(volumeDescriptor(), *entry);
+    // A kernel interface has no UUID worth telling apart; it is not even opened.
+    if (entry != nullptr && !entry->isPseudo) {
+      uuid_ = detail::volumeUUID(volumeDescriptor(), *entry);
+    }
   }
   return uuid_;
 }

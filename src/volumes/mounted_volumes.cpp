@@ -31,11 +31,11 @@ std::string mountOnName(const platform::statfs& record) {
 
 }  // namespace
 
-std::vector<platform::statfs> detail::mountedFileSystems(const GetFSStat& getfsstat) {
+detail::StatfsRecords detail::mountedFileSystems(const GetFSStat& getfsstat) {
   const int count = getfsstat(nullptr, 0, platform::MNT_NOWAIT);
   if (count < 0) throwErrno();
   if (count == 0) return {};
-  std::vector<platform::statfs> records(std::size_t(count) + kSpareRecords);
+  StatfsRecords records(std::size_t(count) + kSpareRecords);
   const int listed = getfsstat(records.data(), int(records.size() * sizeof(platform::statfs)),
                                platform::MNT_NOWAIT);
   if (listed < 0) throwErrno();

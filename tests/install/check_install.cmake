@@ -13,6 +13,12 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The installed tool finds the installed library by itself.
+run(${prefix}/${BINDIR}/carrow --version)
+if(NOT output MATCHES "^CarrowPrivate carrowd-1\n$")
+  message(FATAL_ERROR "unexpected output of the installed tool: ${output}")
+endif()
+
 # CMake package.
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-build -G Ninja
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX})
