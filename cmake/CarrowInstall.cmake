@@ -7,7 +7,13 @@ install(TARGETS CarrowPrivate EXPORT CarrowPrivateTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The spdlog adapter's header is installed only with spdlog, which it includes.
+if(TARGET CarrowPrivateSpdlog)
+  install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+else()
+  install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    PATTERN spdlog EXCLUDE)
+endif()
 install(EXPORT CarrowPrivateTargets
   NAMESPACE CarrowPrivate::
   DESTINATION ${CARROW_CMAKE_DIR})
@@ -32,3 +38,30 @@ file(RELATIVE_PATH CARROW_PC_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/
 configure_file(cmake/CarrowPrivate.pc.in ${PROJECT_BINARY_DIR}/CarrowPrivate.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/CarrowPrivate.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Optional components, each with an export set of its own that the package configuration file
+# loads only when a consumer asks for the component (COMPONENTS journal spdlog).
+if(TARGET CarrowPrivateJournal)
+  install(TARGETS CarrowPrivateJournal EXPORT CarrowPrivateJournalTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(EXPORT CarrowPrivateJournalTargets
+    NAMESPACE CarrowPrivate::
+    DESTINATION ${CARROW_CMAKE_DIR})
+  if(BUILD_SHARED_LIBS)
+    set(CARROW_JOURNAL_PC_PRIVATE_REQUIRES "")
+  else()
+    set(CARROW_JOURNAL_PC_PRIVATE_REQUIRES "libsystemd")
+  endif()
+  configure_file(cmake/CarrowPrivateJournal.pc.in ${PROJECT_BINARY_DIR}/CarrowPrivateJournal.pc
+    @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/CarrowPrivateJournal.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
+if(TARGET CarrowPrivateSpdlog)
+  install(TARGETS CarrowPrivateSpdlog EXPORT CarrowPrivateSpdlogTargets)
+  install(EXPORT CarrowPrivateSpdlogTargets
+    NAMESPACE CarrowPrivate::
+    DESTINATION ${CARROW_CMAKE_DIR})
+endif()
