@@ -93,13 +93,59 @@ TEST_F(CarrowToolTest, MissingPathExitsOneWithTheSystemsMessage) {
   EXPECT_TRUE(run.out.empty());
 }
 
-TEST_F(CarrowToolTest, UsageErrorsExitTwo) {
-  for (const char* arguments : {"", "bogus", "attrs", "attrs / --key", "attrs / --key nope",
-                                "volumes --sideways", "volume", "attrs / /tmp"}) {
-    const auto run = carrow(arguments);
-    EXPECT_EQ(run.status, 2) << arguments;
-    EXPECT_NE(run.err.find("usage: carrow"), std::string::npos) << arguments;
+TEST_F(CarrowToolTest, UsageErrorsPrintOneLineNamingTheMistakeAndExitTwo) {
+  struct Case {
+    const char* arguments;
+    const char* mistake;
+    const char* help;
+  };
+  const Case cases[] = {
+      {"", "a command is required", "carrow help"},
+      {"bogus", "unknown command 'bogus'", "carrow help"},
+      {"attrs", "attrs: a path is required", "carrow help attrs"},
+      {"attrs / --key", "attrs: --key needs a key name", "carrow help attrs"},
+      {"attrs / --key nope", "attrs: unknown key 'nope'", "carrow help attrs"},
+      {"attrs / /tmp", "attrs: unexpected argument '/tmp'", "carrow help attrs"},
+      {"volumes --sideways", "volumes: unexpected argument '--sideways'", "carrow help volumes"},
+      {"volume", "volume: a mount point is required", "carrow help volume"},
+      {"help nothing", "help: unknown command 'nothing'", "carrow help"},
+      {"--log=syslog volumes", "--log: unknown destination 'syslog'", "carrow help"},
+      {"--log volumes", "--log needs a destination", "carrow help"},
+  };
+  for (const auto& c : cases) {
+    const auto run = carrow(c.arguments);
+    EXPECT_EQ(run.status, 2) << c.arguments;
+    EXPECT_TRUE(run.out.empty()) << c.arguments;
+    EXPECT_EQ(run.err.rfind(std::string("carrow: ") + c.mistake, 0), 0u) << run.err;
+    EXPECT_TRUE(run.err.ends_with(std::string(" (see '") + c.help + "')\n")) << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
   }
+}
+
+TEST_F(CarrowToolTest, HelpExplainsOneCommandEitherWay) {
+  for (const std::string command : {"volumes", "volume", "attrs", "help"}) {
+    const auto asked = carrow("help " + command);
+    const auto flagged = carrow(command + " --help");
+    EXPECT_EQ(asked.status, 0) << command;
+    EXPECT_EQ(flagged.status, 0) << command;
+    EXPECT_EQ(asked.out, flagged.out) << command;
+    EXPECT_EQ(asked.out.rfind("usage: carrow " + command + " ", 0), 0u) << asked.out;
+    EXPECT_EQ(asked.out.find("commands:"), std::string::npos) << asked.out;
+  }
+  const auto all = carrow("help");
+  EXPECT_EQ(all.status, 0);
+  for (const char* synopsis : {"  volumes [--all] [--json]\n", "  volume PATH [--json]\n",
+                               "  attrs PATH [--key NAME]...", "--log=DEST"}) {
+    EXPECT_NE(all.out.find(synopsis), std::string::npos) << synopsis;
+  }
+  EXPECT_EQ(carrow("-h").out, all.out);
+}
+
+TEST_F(CarrowToolTest, LoggingToTheJournalLeavesTheOutputAlone) {
+  const auto run = carrow("--verbose --log=journal volume / --json");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(nlohmann::json::parse(run.out).at("mountPoint"), "/");
+  EXPECT_EQ(carrow("--log=stderr,journal --version").status, 0);
 }
 
 TEST_F(CarrowToolTest, VolumesAsJSONUseThePropertyNames) {

@@ -1,6 +1,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -8,24 +9,12 @@
 #include <carrow/version.h>
 
 #include "cli.h"
+#include "commands.h"
+#include "tool_logger.h"
 
 namespace {
 
-constexpr std::string_view kUsage =
-    "usage: carrow [--verbose] <command> [arguments]\n"
-    "\n"
-    "commands:\n"
-    "  volumes [--all] [--json]       the mounted volumes (browsable ones unless --all)\n"
-    "  volume PATH [--json]           the volume mounted at PATH\n"
-    "  attrs PATH [--key NAME]... [--no-follow] [--json]\n"
-    "                                 attributes of PATH by key name (all that apply when no\n"
-    "                                 key is given); --no-follow describes a symbolic link itself\n"
-    "  help                           show this text\n"
-    "  --version                      show the library's version\n"
-    "\n"
-    "--verbose prints the library's log records on stderr (otherwise they are dropped, for\n"
-    "example the record of a volume left out of the list because it lacks an attribute).\n"
-    "Errors print \"carrow: PATH: reason\" and exit 1; usage errors exit 2.\n";
+using carrow::tool::UsageError;
 
 // "@(#)PROGRAM:CarrowPrivate  PROJECT:carrowd-1\n" -> "CarrowPrivate carrowd-1"
 void printVersion() {
@@ -41,56 +30,74 @@ void printVersion() {
               static_cast<int>(word("PROJECT:").size()), word("PROJECT:").data());
 }
 
-// The tool's logger: records go to stderr with --verbose and are dropped otherwise.
-class ToolLogger final : public carrow::CRLogger {
- public:
-  explicit ToolLogger(bool verbose) : verbose_(verbose) {}
-  bool shouldLog(std::optional<std::string_view>) override { return verbose_; }
-  void log(std::string_view message, carrow::CRLogLevel level,
-           std::optional<std::string_view> category, const char* file,
-           std::uint32_t line) override {
-    if (!verbose_) return;
-    const auto text = carrow::formatRecord(message, level, category, file, line) + "\n";
-    std::fwrite(text.data(), 1, text.size(), stderr);
-  }
-
- private:
-  bool verbose_;
-};
-
-int usageError(const char* message) {
-  std::fprintf(stderr, "carrow: %s\n\n%s", message, kUsage.data());
+// One line naming the mistake and where to read more; the whole help would bury it.
+int usageError(std::string_view message, std::string_view command = {}) {
+  const std::string help = command.empty() ? "carrow help" : "carrow help " + std::string(command);
+  std::fprintf(stderr, "carrow: %.*s (see '%s')\n", static_cast<int>(message.size()),
+               message.data(), help.c_str());
   return 2;
+}
+
+bool isHelp(std::string_view argument) {
+  return argument == "--help" || argument == "-h";
+}
+
+// Takes --verbose and --log=LIST out of the arguments, wherever they stand.
+carrow::tool::LogDestinations takeLogOptions(std::vector<char*>& arguments) {
+  carrow::tool::LogDestinations destinations;
+  std::erase_if(arguments, [&](const char* argument) {
+    const std::string_view text = argument;
+    if (text == "--verbose") {
+      destinations.standardError = true;
+    } else if (text.starts_with("--log=")) {
+      const auto chosen = carrow::tool::parseLogDestinations(text.substr(6));
+      destinations.standardError |= chosen.standardError;
+      destinations.journal |= chosen.journal;
+    } else if (text == "--log") {
+      throw UsageError("--log needs a destination: --log=stderr or --log=journal");
+    } else {
+      return false;
+    }
+    return true;
+  });
+  return destinations;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   std::vector<char*> arguments(argv + 1, argv + argc);
-  const bool verbose =
-      std::erase_if(arguments,
-                    [](const char* argument) { return std::strcmp(argument, "--verbose") == 0; })
-      > 0;
-  carrow::CRLog::setLogger(std::make_shared<ToolLogger>(verbose));
+  try {
+    carrow::CRLog::setLogger(carrow::tool::makeToolLogger(takeLogOptions(arguments)));
+  } catch (const UsageError& error) {
+    return usageError(error.what());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "carrow: --log: %s\n", error.what());
+    return 1;
+  }
 
   if (arguments.empty()) return usageError("a command is required");
-  const std::string_view command = arguments[0];
-  const carrow::tool::Arguments rest(arguments.data() + 1, arguments.size() - 1);
-  try {
-    if (command == "--version" || command == "version") {
-      printVersion();
-      return 0;
-    }
-    if (command == "help" || command == "--help" || command == "-h") {
-      std::fputs(kUsage.data(), stdout);
-      return 0;
-    }
-    if (command == "volumes") return carrow::tool::runVolumes(rest);
-    if (command == "volume") return carrow::tool::runVolume(rest);
-    if (command == "attrs") return carrow::tool::runAttrs(rest);
-  } catch (const carrow::tool::UsageError& error) {
-    return usageError(error.what());
+  const std::string_view name = arguments[0];
+  if (name == "--version" || name == "version") {
+    printVersion();
+    return 0;
   }
-  const std::string message = "unknown command '" + std::string(command) + "'";
-  return usageError(message.c_str());
+  if (isHelp(name)) {
+    carrow::tool::printUsage(stdout);
+    return 0;
+  }
+  const carrow::tool::Command* command = carrow::tool::findCommand(name);
+  if (command == nullptr) return usageError("unknown command '" + std::string(name) + "'");
+  const carrow::tool::Arguments rest(arguments.data() + 1, arguments.size() - 1);
+  for (std::string_view argument : rest) {
+    if (isHelp(argument)) {
+      carrow::tool::printUsage(*command, stdout);
+      return 0;
+    }
+  }
+  try {
+    return command->run(rest);
+  } catch (const UsageError& error) {
+    return usageError(error.what(), command->name == "help" ? std::string_view() : command->name);
+  }
 }
