@@ -132,16 +132,23 @@ class CombineLatestStorage
 
   // Called inside the locked region of the consumer's `next`; it only creates the task.
   Task<void> startReadingTask(typename StateMachine::StartTask& start) {
-    auto body = [storage = this->shared_from_this(), base1 = std::move(start.base1),
-                 base2 = std::move(start.base2), base3 = std::move(start.base3)]() mutable {
-      return read(std::move(storage), std::move(base1), std::move(base2), std::move(base3));
+    // The body lives in the task group's frame for as long as the reading task runs, so it
+    // keeps the storage alive; the task's own copy of the callable is left empty.
+    auto body = [reading = ReadingTask{this->shared_from_this(), std::move(start.base1),
+                                       std::move(start.base2), std::move(start.base3)}]() mutable {
+      return withThrowingTaskGroup<void>(std::move(reading));
     };
     return Task<void>::start(std::move(body));
   }
 
-  static Async<void> read(std::shared_ptr<CombineLatestStorage> storage, Base1 base1, Base2 base2,
-                          std::optional<Base3> base3) {
-    auto body = [&](ThrowingTaskGroup<void>& group) -> Async<void> {
+  // The reading task: one child per upstream, then the children's outcomes one at a time.
+  struct ReadingTask {
+    std::shared_ptr<CombineLatestStorage> storage;
+    Base1 base1;
+    Base2 base2;
+    std::optional<Base3> base3;
+
+    Async<void> operator()(ThrowingTaskGroup<void>& group) {
       group.addTask(child<0>(storage, std::move(base1)));
       group.addTask(child<1>(storage, std::move(base2)));
       if (base3) group.addTask(child<2>(storage, std::move(*base3)));
@@ -153,9 +160,8 @@ class CombineLatestStorage
           storage->upstreamThrew(std::current_exception());
         }
       }
-    };
-    co_await withThrowingTaskGroup<void>(body);
-  }
+    }
+  };
 
   template <std::size_t Index, class Base>
   static auto child(const std::shared_ptr<CombineLatestStorage>& storage, Base base) {

@@ -136,18 +136,23 @@ class MergeStorage : public std::enable_shared_from_this<MergeStorage<Base1, Bas
   // Starts the reading task for the upstreams of `start`. Called with the lock held: it only
   // creates the task, whose body runs later on the global executor.
   Task<void> startReadingTask(typename StateMachine::StartTaskAndSuspendDownstreamTask& start) {
-    auto body = [storage = this->shared_from_this(), base1 = std::move(start.base1),
-                 base2 = std::move(start.base2), base3 = std::move(start.base3)]() mutable {
-      // Everything moves into the coroutine's frame, which is freed when the task ends; the
-      // task's own copy of this callable lives as long as the handle the machine keeps.
-      return read(std::move(storage), std::move(base1), std::move(base2), std::move(base3));
+    // The body lives in the task group's frame for as long as the reading task runs, so it
+    // keeps the storage alive; the task's own copy of the callable is left empty.
+    auto body = [reading = ReadingTask{this->shared_from_this(), std::move(start.base1),
+                                       std::move(start.base2), std::move(start.base3)}]() mutable {
+      return withThrowingTaskGroup<void>(std::move(reading));
     };
     return Task<void>::start(std::move(body));
   }
 
-  static Async<void> read(std::shared_ptr<MergeStorage> storage, Base1 base1, Base2 base2,
-                          std::optional<Base3> base3) {
-    auto body = [&](ThrowingTaskGroup<void>& group) -> Async<void> {
+  // The reading task: one child per upstream, then the children's outcomes one at a time.
+  struct ReadingTask {
+    std::shared_ptr<MergeStorage> storage;
+    Base1 base1;
+    Base2 base2;
+    std::optional<Base3> base3;
+
+    Async<void> operator()(ThrowingTaskGroup<void>& group) {
       group.addTask(child(storage, std::move(base1)));
       group.addTask(child(storage, std::move(base2)));
       if (base3) group.addTask(child(storage, std::move(*base3)));
@@ -159,9 +164,8 @@ class MergeStorage : public std::enable_shared_from_this<MergeStorage<Base1, Bas
           storage->upstreamThrew(std::current_exception());
         }
       }
-    };
-    co_await withThrowingTaskGroup<void>(body);
-  }
+    }
+  };
 
   template <class Base>
   static auto child(const std::shared_ptr<MergeStorage>& storage, Base base) {
