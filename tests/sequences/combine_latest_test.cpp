@@ -24,6 +24,7 @@ namespace carrow {
 namespace {
 
 using testing::eventually;
+using testing::Fed;
 using testing::ProbeCounts;
 using testing::probed;
 using testing::Results;
@@ -34,19 +35,6 @@ using Stream = AsyncThrowingStream<int>;
 static_assert(AsyncSequenceOf<AsyncCombineLatest2Sequence<Ints, Stream>, std::tuple<int, int>>);
 static_assert(AsyncSequenceOf<AsyncCombineLatest3Sequence<Ints, Ints, AnyAsyncSequence<int>>,
                               std::tuple<int, int, int>>);
-
-// A stream fed by the test, with a count of its terminations.
-struct Fed {
-  Fed() {
-    auto pair = Stream::makeStream();
-    stream.emplace(pair.stream);
-    continuation.emplace(pair.continuation);
-    continuation->setOnTermination([this](StreamTermination) { terminations.fetch_add(1); });
-  }
-  std::optional<Stream> stream;
-  std::optional<Stream::Continuation> continuation;
-  std::atomic<int> terminations{0};
-};
 
 template <class Tuple>
 std::string text(const Tuple& tuple) {

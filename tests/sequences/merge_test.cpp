@@ -24,6 +24,7 @@ namespace carrow {
 namespace {
 
 using testing::eventually;
+using testing::Fed;
 using testing::play;
 using testing::ProbeCounts;
 using testing::probed;
@@ -36,19 +37,6 @@ using Stream = AsyncThrowingStream<int>;
 static_assert(AsyncSequenceOf<AsyncMerge2Sequence<Ints, Ints>, int>);
 static_assert(
     AsyncSequenceOf<AsyncMerge2Sequence<AsyncStream<int>, AnyAsyncThrowingSequence<int>>, int>);
-
-// A stream that nothing feeds until the test says so, with a count of its terminations.
-struct Fed {
-  Fed() {
-    auto pair = Stream::makeStream();
-    stream.emplace(pair.stream);
-    continuation.emplace(pair.continuation);
-    continuation->setOnTermination([this](StreamTermination) { terminations.fetch_add(1); });
-  }
-  std::optional<Stream> stream;
-  std::optional<Stream::Continuation> continuation;
-  std::atomic<int> terminations{0};
-};
 
 TEST(Merge, EndsWhenBothEndAndKeepsEachUpstreamsOrder) {
   const auto results = runMain([]() -> Async<std::vector<Results>> {

@@ -14,8 +14,11 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/async_sequence.h>
+#include <carrow/runtime/async_throwing_stream.h>
 
 namespace carrow::testing {
 
@@ -141,5 +144,30 @@ bool eventually(Condition condition,
   }
   return true;
 }
+
+/// A stream of ints that the test feeds through `continuation`, with a count of the times its
+/// termination handler ran. Its destructor lets go of the stream and waits until the handler has
+/// run, so a handler that a late cancellation runs on another thread never outlives the test.
+struct Fed {
+  using Stream = AsyncThrowingStream<int>;
+
+  Fed() {
+    auto pair = Stream::makeStream();
+    stream.emplace(pair.stream);
+    continuation.emplace(pair.continuation);
+    continuation->setOnTermination([this](StreamTermination) { terminations.fetch_add(1); });
+  }
+  Fed(const Fed&) = delete;
+  Fed& operator=(const Fed&) = delete;
+  ~Fed() {
+    continuation.reset();
+    stream.reset();
+    EXPECT_TRUE(eventually([this] { return terminations.load() == 1; }));
+  }
+
+  std::optional<Stream> stream;
+  std::optional<Stream::Continuation> continuation;
+  std::atomic<int> terminations{0};
+};
 
 }  // namespace carrow::testing
