@@ -7,10 +7,20 @@
 namespace carrow {
 namespace {
 
+// The interval counts from the call of `next()`, not from the moment the main actor gets to the
+// step: with many timers started together, a backlog on the main actor then delays a tick by the
+// time it takes to drain, instead of adding that time to every interval behind it.
+ContinuousClock::time_point deadlineAfter(ContinuousClock::Duration every) {
+  const auto now = ContinuousClock::now();
+  if (every >= ContinuousClock::time_point::max() - now) return ContinuousClock::time_point::max();
+  return now + every;
+}
+
 Async<std::optional<PollResult>> pollStep(ContinuousClock::Duration every) {
+  const auto deadline = deadlineAfter(every);
   co_await MainActor::shared().enter();
   try {
-    co_await sleep(every);
+    co_await sleepUntil(deadline);
   } catch (...) {
     // Only a cancelled task makes the sleep throw; the poll stream reports that as a value.
     co_return PollResult::cancelled;
@@ -19,8 +29,9 @@ Async<std::optional<PollResult>> pollStep(ContinuousClock::Duration every) {
 }
 
 Async<std::optional<std::monostate>> tickStep(ContinuousClock::Duration every) {
+  const auto deadline = deadlineAfter(every);
   co_await MainActor::shared().enter();
-  co_await sleep(every);  // a cancellation error ends the stream with it
+  co_await sleepUntil(deadline);  // a cancellation error ends the stream with it
   co_return std::monostate{};
 }
 
