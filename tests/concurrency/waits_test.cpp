@@ -123,8 +123,9 @@ TEST(WaitEvents, AFinishedTaskWinsWithItsValueOrItsError) {
 TEST(WaitEvents, CancellingTheWaiterEndsTheWaitButNotTheTask) {
   runMain([]() -> Async<void> {
     Task<int> task = slowTask();
-    auto waiter = Task<std::optional<Event>>::start(
-        [task]() -> Async<std::optional<Event>> { co_return co_await firstEventOfRace(task, 30s); });
+    auto waiter = Task<std::optional<Event>>::start([task]() -> Async<std::optional<Event>> {
+      co_return co_await firstEventOfRace(task, 30s);
+    });
     co_await sleep(20ms);
     waiter.cancel();
     std::optional<Event> first = co_await waiter.value();

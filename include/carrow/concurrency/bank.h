@@ -32,11 +32,11 @@ namespace carrow {
 /// A key a `Bank` accepts: hashable with `std::hash`, comparable with `==`, copyable, and
 /// printable with `operator<<` on a `std::ostream` (its printed form appears in log records).
 template <class Key>
-concept BankKey = std::copy_constructible<Key> && std::equality_comparable<Key> &&
-                  requires(const Key& key, std::ostream& out) {
-                    { std::hash<Key>{}(key) } -> std::convertible_to<std::size_t>;
-                    out << key;
-                  };
+concept BankKey = std::copy_constructible<Key> && std::equality_comparable<Key> && requires(
+    const Key& key, std::ostream& out) {
+  { std::hash<Key>{}(key) } -> std::convertible_to<std::size_t>;
+  out << key;
+};
 
 /// Coalesces asynchronous work by key: while an entry for a key exists, every caller of
 /// `lock(key, wait, work)` shares the one task that the entry's first caller started.
@@ -77,9 +77,7 @@ class Bank final : public Actor {
       static State inProgress(Task<Value> task) { return State(std::move(task)); }
       static State ready(Result<Value> result) { return State(std::move(result)); }
 
-      Kind kind() const noexcept {
-        return storage_.index() == 0 ? Kind::inProgress : Kind::ready;
-      }
+      Kind kind() const noexcept { return storage_.index() == 0 ? Kind::inProgress : Kind::ready; }
       /// The task of an `inProgress` state; null for `ready`.
       const Task<Value>* task() const noexcept { return std::get_if<0>(&storage_); }
       /// The outcome of a `ready` state; null for `inProgress`.
@@ -114,8 +112,9 @@ class Bank final : public Actor {
   /// is cancelled it throws `CancellationError`; either way the task goes on for the others. The
   /// work's error reaches every caller unchanged.
   template <class Work>
-  requires std::same_as<std::invoke_result_t<Work&>, Async<Value>>
-  Async<Value> lock(Key key, LockWait wait, Work work) {
+  requires std::same_as<std::invoke_result_t<Work&>, Async<Value>> Async<Value> lock(Key key,
+                                                                                     LockWait wait,
+                                                                                     Work work) {
     co_await enter();
     auto found = cache_.find(key);
     if (found == cache_.end()) {
@@ -212,8 +211,10 @@ class Bank final : public Actor {
     }
     std::optional<TaskWaiterEvent<Value>> event =
         co_await detail::firstWaitEvent(std::move(task), wait.duration());
-    if (!event) fatalError(kLabel, __LINE__, "Unexpectedly fell through while waiting for cancellation");
-    if (event->kind() == TaskWaiterEvent<Value>::Kind::timedOut) std::rethrow_exception(wait.error());
+    if (!event)
+      fatalError(kLabel, __LINE__, "Unexpectedly fell through while waiting for cancellation");
+    if (event->kind() == TaskWaiterEvent<Value>::Kind::timedOut)
+      std::rethrow_exception(wait.error());
   }
 
   /// A copy of `key`'s entry, if there is one.

@@ -13,8 +13,7 @@ namespace carrow {
 template <AsyncSequence Base, class Transform>
 class AsyncMapSequence {
  public:
-  using Element =
-      std::remove_cvref_t<std::invoke_result_t<Transform&, AsyncSequenceElement<Base>>>;
+  using Element = std::remove_cvref_t<std::invoke_result_t<Transform&, AsyncSequenceElement<Base>>>;
 
   class Iterator {
    public:
