@@ -334,6 +334,42 @@ TEST_F(BankTest, CancelTaskAndWaitEndsWhenTheWorkStopsOrThrowsAtItsLimit) {
   });
 }
 
+struct Account {
+  int id;
+  friend bool operator==(const Account&, const Account&) = default;
+  friend std::ostream& operator<<(std::ostream& out, const Account& account) {
+    return out << "acct-" << account.id;
+  }
+};
+
+}  // namespace
+}  // namespace carrow
+
+template <>
+struct std::hash<carrow::Account> {
+  std::size_t operator()(const carrow::Account& account) const noexcept {
+    return std::hash<int>{}(account.id);
+  }
+};
+
+namespace carrow {
+namespace {
+
+TEST_F(BankTest, RecordsShowTheKeysPrintedForm) {
+  runMain([]() -> Async<void> {
+    auto bank = std::make_shared<Bank<Account, int>>(0, BankOptions::clearWhenUnused());
+    auto work = []() -> Async<int> { co_return 5; };
+    EXPECT_EQ(co_await bank->lock(Account{7}, LockWait::indefinite(), work), 5);
+    co_await bank->cancelTaskAndWait(Account{7}, LockWait::indefinite());
+  });
+  std::vector<std::string> all;
+  for (const auto& record : logger->records()) all.push_back(record.message);
+  EXPECT_EQ(all,
+            (std::vector<std::string>{"Took First Lock { key: acct-7 waiter: 1 }",
+                                      "Clearing cache for key { key: acct-7 waiting: 0 }",
+                                      "No task in-progress for acct-7. Ignoring cancellation..."}));
+}
+
 TEST(BankDeathTest, AWaiterCountBelowZeroStopsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto leaveTwice = [] {

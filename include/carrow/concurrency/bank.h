@@ -198,9 +198,10 @@ class Bank final : public Actor {
     auto found = cache_.find(key);
     const Task<Value>* running = found == cache_.end() ? nullptr : found->second.state.task();
     if (running == nullptr) {
-      std::ostringstream message;
-      message << "No task in-progress for " << key << ". Ignoring cancellation...";
-      CRLog::info("Bank", message.str());
+      std::string message = "No task in-progress for ";
+      appendKey(message, key);
+      message += ". Ignoring cancellation...";
+      CRLog::info("Bank", message);
       co_return;
     }
     Task<Value> task = *running;
@@ -236,12 +237,32 @@ class Bank final : public Actor {
 
   static Async<Result<Value>> outcomeOf(Task<Value> task) { co_return co_await task.result(); }
 
+  // The key's printed form: text and integers directly, anything else through its operator<<.
+  static void appendKey(std::string& out, const Key& key) {
+    if constexpr (std::is_convertible_v<const Key&, std::string_view>) {
+      out += std::string_view(key);
+    } else if constexpr (std::is_integral_v<
+                             Key> && !std::is_same_v<Key, bool> && !std::is_same_v<Key, char>) {
+      out += std::to_string(key);
+    } else {
+      std::ostringstream printed;
+      printed << key;
+      out += printed.str();
+    }
+  }
+
   // "<prefix>{ key: KEY <counter>: N }", the shape of every per-key record.
   static std::string describe(std::string_view prefix, const Key& key, std::string_view counter,
                               std::int64_t number) {
-    std::ostringstream message;
-    message << prefix << "{ key: " << key << ' ' << counter << ": " << number << " }";
-    return message.str();
+    std::string message(prefix);
+    message += "{ key: ";
+    appendKey(message, key);
+    message += ' ';
+    message += counter;
+    message += ": ";
+    message += std::to_string(number);
+    message += " }";
+    return message;
   }
 
   std::uint64_t pollRate_;
