@@ -148,8 +148,14 @@ class Bank final : public Actor {
   Async<Value> waitOnInProgressTask(Task<Value> task, LockWait wait, Key key,
                                     std::int64_t waiterNumber) {
     co_await enter();
-    std::optional<TaskWaiterEvent<Value>> event =
-        co_await detail::firstWaitEvent(std::move(task), wait.duration());
+    std::optional<TaskWaiterEvent<Value>> event;
+    if (task.isFinished()) {
+      // A kept entry's finished task: the race could only report its outcome.
+      Result<Value> outcome = co_await task.result();
+      event = TaskWaiterEvent<Value>::taskCompleted(std::move(outcome));
+    } else {
+      event = co_await detail::firstWaitEvent(std::move(task), wait.duration());
+    }
     removeWaiter(key);
     if (event && event->kind() == TaskWaiterEvent<Value>::Kind::taskCompleted) {
       CRLog::debug("Bank", describe("Task completed ", key, "waiter", waiterNumber));

@@ -41,8 +41,10 @@ class LockWait {
   }
   /// No practical limit (see the class comment).
   static LockWait indefinite() {
-    return LockWait(Kind::indefinite, kIndefiniteSeconds,
-                    std::make_exception_ptr(std::system_error(ETIMEDOUT, std::generic_category())));
+    // One error object for every indefinite wait: rethrowing it never changes it.
+    static const std::exception_ptr expired =
+        std::make_exception_ptr(std::system_error(ETIMEDOUT, std::generic_category()));
+    return LockWait(Kind::indefinite, kIndefiniteSeconds, expired);
   }
 
   Kind kind() const noexcept { return kind_; }
