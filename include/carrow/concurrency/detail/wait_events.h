@@ -8,9 +8,11 @@
 
 #include <carrow/concurrency/lock_wait.h>
 #include <carrow/concurrency/task_waiter_event.h>
+#include <carrow/runtime/actor.h>
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/async_stream.h>
 #include <carrow/runtime/cancellation_error.h>
+#include <carrow/runtime/executor.h>
 #include <carrow/runtime/task.h>
 #include <carrow/sequences/any_async_sequence.h>
 #include <carrow/sequences/map.h>
@@ -61,6 +63,9 @@ Async<std::optional<TaskWaiterEvent<T>>> firstWaitEvent(Task<T> task,
     Result<T> outcome = co_await task.result();
     co_return TaskWaiterEvent<T>::taskCompleted(std::move(outcome));
   }
+  // Build, run and tear down the race off the caller's executor: for a bank that is its actor,
+  // which then only keeps the books while thousands of waiters race in parallel.
+  co_await hopTo(globalExecutor());
   auto events = waitEvents(std::move(task), limit);
   auto iterator = events.makeAsyncIterator();
   std::optional<TaskWaiterEvent<T>> first;
