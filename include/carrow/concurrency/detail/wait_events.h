@@ -2,7 +2,6 @@
 
 // The race behind every bounded wait on a task: the task's outcome against a deadline watch.
 
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -10,7 +9,6 @@
 #include <carrow/concurrency/task_waiter_event.h>
 #include <carrow/runtime/actor.h>
 #include <carrow/runtime/async.h>
-#include <carrow/runtime/async_stream.h>
 #include <carrow/runtime/cancellation_error.h>
 #include <carrow/runtime/executor.h>
 #include <carrow/runtime/task.h>
@@ -21,15 +19,34 @@
 
 namespace carrow::detail {
 
-// One element: the task's outcome, awaited without cancelling the task; then the end.
+/// One element, the task's outcome as `taskCompleted`, awaited without cancelling the task; then
+/// the end. Each iterator awaits the task on its own.
 template <class T>
-Async<std::optional<TaskWaiterEvent<T>>> taskOutcomeStep(Task<T> task,
-                                                         std::shared_ptr<bool> delivered) {
-  if (*delivered) co_return std::nullopt;
-  *delivered = true;
-  Result<T> outcome = co_await task.result();
-  co_return TaskWaiterEvent<T>::taskCompleted(std::move(outcome));
-}
+class TaskOutcomeSequence {
+ public:
+  class Iterator {
+   public:
+    explicit Iterator(Task<T> task) noexcept : task_(std::move(task)) {}
+
+    Async<std::optional<TaskWaiterEvent<T>>> next() {
+      if (delivered_) co_return std::nullopt;
+      delivered_ = true;
+      Result<T> outcome = co_await task_.result();
+      co_return TaskWaiterEvent<T>::taskCompleted(std::move(outcome));
+    }
+
+   private:
+    Task<T> task_;
+    bool delivered_ = false;
+  };
+
+  explicit TaskOutcomeSequence(Task<T> task) noexcept : task_(std::move(task)) {}
+
+  Iterator makeAsyncIterator() const { return Iterator(task_); }
+
+ private:
+  Task<T> task_;
+};
 
 template <class T>
 TaskWaiterEvent<T> pollEvent(PollResult poll) {
@@ -45,9 +62,7 @@ TaskWaiterEvent<T> pollEvent(PollResult poll) {
 template <class T>
 AnyAsyncThrowingSequence<TaskWaiterEvent<T>> waitEvents(Task<T> task,
                                                         ContinuousClock::Duration seconds) {
-  auto delivered = std::make_shared<bool>(false);
-  auto outcome = AsyncStream<TaskWaiterEvent<T>>::unfolding(
-      [task = std::move(task), delivered] { return taskOutcomeStep<T>(task, delivered); });
+  TaskOutcomeSequence<T> outcome(std::move(task));
   auto deadline = map(pollStream(seconds), &pollEvent<T>);
   return AnyAsyncThrowingSequence<TaskWaiterEvent<T>>(
       merge(std::move(outcome), std::move(deadline)));
