@@ -38,6 +38,10 @@ concept BankKey = std::copy_constructible<Key> && std::equality_comparable<Key> 
   out << key;
 };
 
+/// The work a `Bank` runs for a key: a callable taking nothing and returning `Async<Value>`.
+template <class Work, class Value>
+concept BankWork = std::same_as<std::invoke_result_t<Work&>, Async<Value>>;
+
 /// Coalesces asynchronous work by key: while an entry for a key exists, every caller of
 /// `lock(key, wait, work)` shares the one task that the entry's first caller started.
 ///
@@ -111,10 +115,8 @@ class Bank final : public Actor {
   /// later caller waits at most as `wait` says: at expiry it throws the wait's error, and when it
   /// is cancelled it throws `CancellationError`; either way the task goes on for the others. The
   /// work's error reaches every caller unchanged.
-  template <class Work>
-  requires std::same_as<std::invoke_result_t<Work&>, Async<Value>> Async<Value> lock(Key key,
-                                                                                     LockWait wait,
-                                                                                     Work work) {
+  template <BankWork<Value> Work>
+  Async<Value> lock(Key key, LockWait wait, Work work) {
     co_await enter();
     auto found = cache_.find(key);
     if (found == cache_.end()) {
