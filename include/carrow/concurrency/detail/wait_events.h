@@ -24,6 +24,8 @@ namespace carrow::detail {
 template <class T>
 class TaskOutcomeSequence {
  public:
+  using Element = TaskWaiterEvent<T>;
+
   class Iterator {
    public:
     explicit Iterator(Task<T> task) noexcept : task_(std::move(task)) {}
