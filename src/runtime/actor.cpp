@@ -4,6 +4,7 @@
 #include <thread>
 
 #include <carrow/runtime/actor.h>
+#include <carrow/runtime/detail/runtime_threads.h>
 #include <carrow/runtime/detail/task_state.h>
 #include <carrow/runtime/run_main.h>
 
@@ -46,6 +47,13 @@ class MainThreadExecutor final : public Executor {
       driver_ = std::this_thread::get_id();
     }
     return mode_ == Mode::driven && driver_ == std::this_thread::get_id();
+  }
+
+  /// True if the main actor runs on the calling thread: the thread that drives it, or its own.
+  bool isBoundToCallingThread() noexcept {
+    std::lock_guard guard(mutex_);
+    return (mode_ == Mode::driven && driver_ == std::this_thread::get_id())
+           || (mode_ == Mode::ownThread && ownThread_ == std::this_thread::get_id());
   }
 
   /// Runs queued jobs until none is left; returns whether any ran.
@@ -96,6 +104,10 @@ class MainThreadExecutor final : public Executor {
   }
 
   [[noreturn]] void runForever() noexcept {
+    {
+      std::lock_guard guard(mutex_);
+      ownThread_ = std::this_thread::get_id();
+    }
     const bool never = false;
     for (;;) driveUntil(never);
   }
@@ -106,6 +118,7 @@ class MainThreadExecutor final : public Executor {
   Job* tail_ = nullptr;
   Mode mode_ = Mode::unbound;
   std::thread::id driver_;
+  std::thread::id ownThread_;
 };
 
 MainThreadExecutor& mainThreadExecutor() noexcept {
@@ -165,6 +178,10 @@ bool MainActor::drain() noexcept {
 }
 
 namespace detail {
+
+bool isRuntimeThread() noexcept {
+  return currentExecutorIdentity() != nullptr || mainThreadExecutor().isBoundToCallingThread();
+}
 
 void blockUntilFinished(TaskStateCore& task) noexcept {
   BlockingWaiter waiter;
