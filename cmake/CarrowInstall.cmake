@@ -7,7 +7,10 @@ install(TARGETS CarrowPrivate EXPORT CarrowPrivateTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+foreach(header IN LISTS CARROW_INSTALLED_HEADERS)
+  get_filename_component(header_dir ${header} DIRECTORY)
+  install(FILES include/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${header_dir})
+endforeach()
 install(EXPORT CarrowPrivateTargets
   NAMESPACE CarrowPrivate::
   DESTINATION ${CARROW_CMAKE_DIR})

@@ -15,10 +15,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <carrow/collections/bit_flags.h>
 #include <carrow/collections/checked.h>
 #include <carrow/collections/coding.h>
 #include <carrow/collections/counting_pairs.h>
-#include <carrow/collections/option_set.h>
 
 namespace carrow {
 
@@ -29,9 +29,9 @@ namespace carrow {
 /// counting a bit that has no counter stops the process, as does overflow.
 ///
 /// Encoded as {"byBitIndex": [counts]}.
-template <OptionSet Flags>
+template <BitFlags Flags>
 class FlagCounter {
-  using Traits = OptionSetTraits<Flags>;
+  using Traits = BitFlagsTraits<Flags>;
   using RawValue = typename Traits::RawValue;
   using Bits = std::make_unsigned_t<RawValue>;
   static constexpr int kWidth = static_cast<int>(sizeof(RawValue) * CHAR_BIT);
@@ -133,12 +133,12 @@ class FlagCounter {
   std::vector<std::ptrdiff_t> byBitIndex_;
 };
 
-template <OptionSet Flags>
+template <BitFlags Flags>
 void to_json(nlohmann::json& json, const FlagCounter<Flags>& counter) {
   json = nlohmann::json{{"byBitIndex", counter.byBitIndex()}};
 }
 
-template <OptionSet Flags>
+template <BitFlags Flags>
 void from_json(const nlohmann::json& json, FlagCounter<Flags>& counter) {
   counter = FlagCounter<Flags>::fromJson(json);
 }
