@@ -13,9 +13,9 @@
 #include <nlohmann/json.hpp>
 
 #include <carrow/collections/case_list.h>
-#include <carrow/collections/checked.h>
-#include <carrow/collections/coding.h>
-#include <carrow/collections/counting_pairs.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/coding.h>
+#include <carrow/collections/detail/counting_pairs.h>
 
 namespace carrow {
 

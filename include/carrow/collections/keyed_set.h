@@ -10,8 +10,8 @@
 
 #include <carrow/collections/bucketed_set.h>
 #include <carrow/collections/case_list.h>
-#include <carrow/collections/checked.h>
-#include <carrow/collections/coding.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/coding.h>
 
 namespace carrow {
 
