@@ -7,13 +7,10 @@ install(TARGETS CarrowPrivate EXPORT CarrowPrivateTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# The spdlog adapter's header is installed only with spdlog, which it includes.
-if(TARGET CarrowPrivateSpdlog)
-  install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-else()
-  install(DIRECTORY include/carrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    PATTERN spdlog EXCLUDE)
-endif()
+foreach(header IN LISTS CARROW_INSTALLED_HEADERS)
+  get_filename_component(header_dir ${header} DIRECTORY)
+  install(FILES include/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${header_dir})
+endforeach()
 install(EXPORT CarrowPrivateTargets
   NAMESPACE CarrowPrivate::
   DESTINATION ${CARROW_CMAKE_DIR})

@@ -34,73 +34,13 @@ Entry variable(std::int64_t maxLength) {
   return Entry::variable(D::text, maxLength);
 }
 
-// Every named key's case name and entry kind, in declaration order (the raw keys are in
-// detail::kNamedRawKeys).
+// Every named key's case name and entry kind, in declaration order, from the same table as the
+// cases and their raw keys.
 const std::array<NamedKey, Key::namedCount>& namedKeys() {
+#define CARROW_ATTR_NAMED_ROW(caseName, group, bit, previous, entry) row(#caseName, entry),
   static const std::array<NamedKey, Key::namedCount> keys = {
-      row("returnedAttributes", fixed(D::attributeSet, 20)),
-      row("name", variable(766)),
-      row("fsID", fixed(D::fileSystemID, 8)),
-      row("realFSID", fixed(D::fileSystemID, 8)),
-      row("deviceID", fixed(D::signed32, 4)),
-      row("objectType", fixed(D::unsigned32, 4)),
-      row("objectTag", fixed(D::unsigned32, 4)),
-      row("objectID", fixed(D::objectID, 8)),
-      row("objectPermanentID", fixed(D::objectID, 8)),
-      row("parentObjectID", fixed(D::objectID, 8)),
-      row("textEncodingHint", fixed(D::unsigned32, 4)),
-      row("createdTime", fixed(D::time, 16)),
-      row("modificationTime", fixed(D::time, 16)),
-      row("changeTime", fixed(D::time, 16)),
-      row("accessTime", fixed(D::time, 16)),
-      row("backupTime", fixed(D::time, 16)),
-      row("ownerID", fixed(D::unsigned32, 4)),
-      row("groupID", fixed(D::unsigned32, 4)),
-      row("accessMask", fixed(D::unsigned32, 4)),
-      row("flags", fixed(D::unsigned32, 4)),
-      row("genCount", fixed(D::unsigned32, 4)),
-      row("documentID", fixed(D::unsigned32, 4)),
-      row("userAccess", fixed(D::unsigned32, 4)),
-      row("ownerUUID", fixed(D::guid, 16)),
-      row("groupUUID", fixed(D::guid, 16)),
-      row("fileID", fixed(D::unsigned64, 8)),
-      row("parentID", fixed(D::unsigned64, 8)),
-      row("fullPath", variable(1024)),
-      row("addedTime", fixed(D::time, 16)),
-      row("protectionFlags", fixed(D::unsigned32, 4)),
-      row("volInfo", fixed(D::unsigned32, 4)),
-      row("fsType", fixed(D::unsigned32, 4)),
-      row("volumeSignature", fixed(D::unsigned32, 4)),
-      row("volumeSize", fixed(D::signed64, 8)),
-      row("spaceFree", fixed(D::signed64, 8)),
-      row("spaceAvailable", fixed(D::signed64, 8)),
-      row("spaceUsed", fixed(D::signed64, 8)),
-      row("minimumAllocation", fixed(D::signed64, 8)),
-      row("allocationClump", fixed(D::signed64, 8)),
-      row("ioBlockSize", fixed(D::unsigned32, 4)),
-      row("objectCount", fixed(D::unsigned32, 4)),
-      row("fileCount", fixed(D::unsigned32, 4)),
-      row("directoryCount", fixed(D::unsigned32, 4)),
-      row("maximumObjectCount", fixed(D::unsigned32, 4)),
-      row("mountPoint", variable(1024)),
-      row("volumeName", variable(766)),
-      row("mountFlags", fixed(D::unsigned32, 4)),
-      row("mountedDeviceName", variable(1024)),
-      row("encodingsUsed", fixed(D::unsigned64, 8)),
-      row("volumeCapabilities", fixed(D::capabilities, 32)),
-      row("volumeUUID", fixed(D::uuid, 16)),
-      row("quota", fixed(D::signed64, 8)),
-      row("volumeReservedSize", fixed(D::signed64, 8)),
-      row("volumeAttributes", fixed(D::volumeAttributes, 40)),
-      row("filesystemTypeName", variable(16)),
-      row("directoryLinkCount", fixed(D::unsigned32, 4)),
-      row("directoryEntryCount", fixed(D::unsigned32, 4)),
-      row("mountStatus", fixed(D::unsigned32, 4)),
-      row("allocSize", fixed(D::signed64, 8)),
-      row("directoryIOBlockSize", fixed(D::unsigned32, 4)),
-      row("directoryDataLength", fixed(D::signed64, 8)),
-      row("fileLinkCount", fixed(D::unsigned32, 4)),
-  };
+      CARROW_ATTR_NAMED_KEYS(CARROW_ATTR_NAMED_ROW)};
+#undef CARROW_ATTR_NAMED_ROW
   return keys;
 }
 

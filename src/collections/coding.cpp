@@ -4,8 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include <carrow/collections/coding.h>
 #include <carrow/collections/decoding_error.h>
+#include <carrow/collections/detail/coding.h>
 
 namespace carrow {
 

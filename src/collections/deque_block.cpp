@@ -5,8 +5,8 @@
 #include <limits>
 #include <malloc.h>
 
-#include <carrow/collections/checked.h>
-#include <carrow/collections/deque_block.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/deque_block.h>
 #include <carrow/platform/fatal_error.h>
 
 namespace carrow::detail {

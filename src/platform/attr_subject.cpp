@@ -3,12 +3,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <mutex>
 #include <string_view>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 #include <unordered_map>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 
 #include "volume_traits.h"
 
@@ -29,27 +30,24 @@ constexpr unsigned int kStatxFields = STATX_BASIC_STATS | STATX_BTIME;
 class TypeNumberCache {
  public:
   std::optional<std::uint32_t> find(std::uint64_t mountId) {
-    os_unfair_lock_lock(&lock_);
+    std::lock_guard guard(lock_);
     auto found = numbers_.find(mountId);
-    std::optional<std::uint32_t> result;
-    if (found != numbers_.end()) result = found->second;
-    os_unfair_lock_unlock(&lock_);
-    return result;
+    if (found == numbers_.end()) return std::nullopt;
+    return found->second;
   }
   void insert(std::uint64_t mountId, std::uint32_t number) {
-    os_unfair_lock_lock(&lock_);
+    std::lock_guard guard(lock_);
     if (numbers_.size() >= kLimit) numbers_.clear();
     try {
       numbers_.emplace(mountId, number);
     } catch (...) {
       // Out of memory: the cache only saves work.
     }
-    os_unfair_lock_unlock(&lock_);
   }
 
  private:
   static constexpr std::size_t kLimit = 4096;
-  os_unfair_lock lock_ = OS_UNFAIR_LOCK_INIT;
+  CRUnfairLock lock_;
   std::unordered_map<std::uint64_t, std::uint32_t> numbers_;
 };
 

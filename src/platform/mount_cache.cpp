@@ -2,12 +2,13 @@
 
 #include <atomic>
 #include <fcntl.h>
+#include <mutex>
 #include <poll.h>
 #include <pthread.h>
 #include <string_view>
 #include <unistd.h>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 
 #include "volume_traits.h"
 
@@ -136,7 +137,7 @@ void afterForkInChild() {
 }
 
 struct Cache {
-  os_unfair_lock lock = OS_UNFAIR_LOCK_INIT;
+  CRUnfairLock lock;
   int fd = -1;  // an open /proc/self/mountinfo whose poll state tracks our last read
   std::uint64_t generation = ~std::uint64_t{0};  // the fork generation that opened `fd`
   std::shared_ptr<const MountSnapshot> snapshot;
@@ -150,22 +151,11 @@ Cache& cache() {
   return *instance;
 }
 
-class Guard {
- public:
-  explicit Guard(os_unfair_lock& lock) : lock_(lock) { os_unfair_lock_lock(&lock_); }
-  ~Guard() { os_unfair_lock_unlock(&lock_); }
-  Guard(const Guard&) = delete;
-  Guard& operator=(const Guard&) = delete;
-
- private:
-  os_unfair_lock& lock_;
-};
-
 }  // namespace
 
 std::shared_ptr<const MountSnapshot> currentMounts() {
   Cache& state = cache();
-  Guard guard(state.lock);
+  std::lock_guard guard(state.lock);
   std::uint64_t generation = forkGeneration.load(std::memory_order_relaxed);
   if (state.generation != generation) {
     if (state.fd >= 0) close(state.fd);

@@ -8,6 +8,8 @@
 #include <carrow/runtime/detail/task_state.h>
 #include <carrow/runtime/run_main.h>
 
+#include "job_queue.h"
+
 namespace carrow {
 
 namespace {
@@ -20,14 +22,8 @@ class MainThreadExecutor final : public Executor {
   enum class Mode { unbound, driven, ownThread };
 
   void enqueue(Job& job) noexcept override {
-    job.nextJob = nullptr;
     std::lock_guard guard(mutex_);
-    if (tail_ != nullptr) {
-      tail_->nextJob = &job;
-    } else {
-      head_ = &job;
-    }
-    tail_ = &job;
+    jobs_.push(job);
     if (mode_ == Mode::unbound) {
       mode_ = Mode::ownThread;
       try {
@@ -94,14 +90,7 @@ class MainThreadExecutor final : public Executor {
     return popLocked();
   }
 
-  Job* popLocked() noexcept {
-    Job* job = head_;
-    if (job != nullptr) {
-      head_ = job->nextJob;
-      if (head_ == nullptr) tail_ = nullptr;
-    }
-    return job;
-  }
+  Job* popLocked() noexcept { return jobs_.pop(); }
 
   [[noreturn]] void runForever() noexcept {
     {
@@ -114,8 +103,7 @@ class MainThreadExecutor final : public Executor {
 
   std::mutex mutex_;
   std::condition_variable wakeup_;
-  Job* head_ = nullptr;
-  Job* tail_ = nullptr;
+  detail::JobQueue jobs_;  // guarded by mutex_, which the driving thread also sleeps on
   Mode mode_ = Mode::unbound;
   std::thread::id driver_;
   std::thread::id ownThread_;

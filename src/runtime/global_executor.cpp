@@ -5,9 +5,11 @@
 #include <mutex>
 #include <thread>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 #include <carrow/runtime/detail/task_context.h>
 #include <carrow/runtime/executor.h>
+
+#include "job_queue.h"
 
 namespace carrow {
 
@@ -26,18 +28,13 @@ class GlobalExecutor final : public Executor {
   }
 
   void enqueue(Job& job) noexcept override {
-    job.nextJob = nullptr;
     bool wake = false;
-    platform::os_unfair_lock_lock(&queueLock_);
-    if (tail_ != nullptr) {
-      tail_->nextJob = &job;
-    } else {
-      head_ = &job;
+    {
+      std::lock_guard guard(queueLock_);
+      jobs_.push(job);
+      queued_.fetch_add(1, std::memory_order_relaxed);
+      wake = sleepers_ > 0 && spinners_ == 0;
     }
-    tail_ = &job;
-    queued_.fetch_add(1, std::memory_order_relaxed);
-    wake = sleepers_ > 0 && spinners_ == 0;
-    platform::os_unfair_lock_unlock(&queueLock_);
     if (wake) {
       { std::lock_guard guard(sleepMutex_); }
       wakeup_.notify_one();
@@ -48,14 +45,9 @@ class GlobalExecutor final : public Executor {
   static constexpr int kSpinRounds = 2000;
 
   Job* pop() noexcept {
-    platform::os_unfair_lock_lock(&queueLock_);
-    Job* job = head_;
-    if (job != nullptr) {
-      head_ = job->nextJob;
-      if (head_ == nullptr) tail_ = nullptr;
-      queued_.fetch_sub(1, std::memory_order_relaxed);
-    }
-    platform::os_unfair_lock_unlock(&queueLock_);
+    std::lock_guard guard(queueLock_);
+    Job* job = jobs_.pop();
+    if (job != nullptr) queued_.fetch_sub(1, std::memory_order_relaxed);
     return job;
   }
 
@@ -63,10 +55,12 @@ class GlobalExecutor final : public Executor {
   // spinning stays cheap. One spinner is enough to catch a handoff quickly, and leaving the
   // other cores free lets the thread that is about to hand work over run.
   Job* spinForJob() noexcept {
-    platform::os_unfair_lock_lock(&queueLock_);
-    const bool spin = spinners_ == 0;
-    if (spin) ++spinners_;
-    platform::os_unfair_lock_unlock(&queueLock_);
+    bool spin = false;
+    {
+      std::lock_guard guard(queueLock_);
+      spin = spinners_ == 0;
+      if (spin) ++spinners_;
+    }
     if (!spin) return nullptr;
     Job* job = nullptr;
     for (int round = 0; round < kSpinRounds && job == nullptr; ++round) {
@@ -86,9 +80,8 @@ class GlobalExecutor final : public Executor {
   bool hasWork() const noexcept { return queued_.load(std::memory_order_relaxed) != 0; }
 
   void changeCount(int& count, int delta) noexcept {
-    platform::os_unfair_lock_lock(&queueLock_);
+    std::lock_guard guard(queueLock_);
     count += delta;
-    platform::os_unfair_lock_unlock(&queueLock_);
   }
 
   static void pause() noexcept {
@@ -114,9 +107,11 @@ class GlobalExecutor final : public Executor {
   // passes the baton, so a burst of work still spreads over every core.
   void wakeForBacklog() noexcept {
     if (!hasWork()) return;
-    platform::os_unfair_lock_lock(&queueLock_);
-    const bool wake = head_ != nullptr && sleepers_ > 0 && spinners_ == 0;
-    platform::os_unfair_lock_unlock(&queueLock_);
+    bool wake = false;
+    {
+      std::lock_guard guard(queueLock_);
+      wake = !jobs_.empty() && sleepers_ > 0 && spinners_ == 0;
+    }
     if (wake) {
       { std::lock_guard guard(sleepMutex_); }
       wakeup_.notify_one();
@@ -134,9 +129,8 @@ class GlobalExecutor final : public Executor {
     }
   }
 
-  platform::os_unfair_lock queueLock_{};
-  Job* head_ = nullptr;
-  Job* tail_ = nullptr;
+  CRUnfairLock queueLock_;
+  detail::JobQueue jobs_;
   std::atomic<std::size_t> queued_{0};  // a hint for spinners; the queue itself is under the lock
   int sleepers_ = 0;
   int spinners_ = 0;

@@ -1,9 +1,13 @@
 #include <atomic>
 #include <cstddef>
+#include <mutex>
+#include <utility>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 #include <carrow/runtime/detail/task_context.h>
 #include <carrow/runtime/executor.h>
+
+#include "job_queue.h"
 
 namespace carrow {
 
@@ -19,20 +23,12 @@ class SerialExecutor::Queue final : public Job {
   }
 
   void push(Job& job) noexcept {
-    job.nextJob = nullptr;
     bool startDrain = false;
-    platform::os_unfair_lock_lock(&lock_);
-    if (tail_ != nullptr) {
-      tail_->nextJob = &job;
-    } else {
-      head_ = &job;
+    {
+      std::lock_guard guard(lock_);
+      jobs_.push(job);
+      startDrain = !std::exchange(scheduled_, true);
     }
-    tail_ = &job;
-    if (!scheduled_) {
-      scheduled_ = true;
-      startDrain = true;
-    }
-    platform::os_unfair_lock_unlock(&lock_);
     if (startDrain) {
       retain();
       target_.enqueue(*this);
@@ -65,23 +61,16 @@ class SerialExecutor::Queue final : public Job {
   static constexpr std::size_t kBatch = 64;
 
   Job* pop() noexcept {
-    platform::os_unfair_lock_lock(&lock_);
-    Job* job = head_;
-    if (job != nullptr) {
-      head_ = job->nextJob;
-      if (head_ == nullptr) tail_ = nullptr;
-    } else {
-      scheduled_ = false;
-    }
-    platform::os_unfair_lock_unlock(&lock_);
+    std::lock_guard guard(lock_);
+    Job* job = jobs_.pop();
+    if (job == nullptr) scheduled_ = false;
     return job;
   }
 
   bool hasMore() noexcept {
-    platform::os_unfair_lock_lock(&lock_);
-    bool more = head_ != nullptr;
+    std::lock_guard guard(lock_);
+    const bool more = !jobs_.empty();
     if (!more) scheduled_ = false;
-    platform::os_unfair_lock_unlock(&lock_);
     return more;
   }
 
@@ -89,9 +78,8 @@ class SerialExecutor::Queue final : public Job {
 
   Executor& target_;
   std::atomic<std::uint32_t> references_{1};
-  platform::os_unfair_lock lock_{};
-  Job* head_ = nullptr;
-  Job* tail_ = nullptr;
+  CRUnfairLock lock_;
+  detail::JobQueue jobs_;
   bool scheduled_ = false;
 };
 

@@ -1,3 +1,4 @@
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -24,14 +25,6 @@ constexpr std::uint32_t kRecordIdle = 0;
 constexpr std::uint32_t kRecordRegistered = 1;
 constexpr std::uint32_t kRecordRunning = 2;
 constexpr std::uint32_t kRecordDone = 3;
-
-struct RecordsLock {
-  explicit RecordsLock(platform::os_unfair_lock& lockWord) noexcept : word(lockWord) {
-    platform::os_unfair_lock_lock(&word);
-  }
-  ~RecordsLock() { platform::os_unfair_lock_unlock(&word); }
-  platform::os_unfair_lock& word;
-};
 
 }  // namespace
 
@@ -107,7 +100,7 @@ void TaskContext::cancel() noexcept {
   // the flag under the lock and runs its handler itself.
   CancellationRecord* claimed = nullptr;
   {
-    RecordsLock guard(recordsLock_);
+    std::lock_guard guard(recordsLock_);
     claimed = std::exchange(records_, nullptr);
     for (CancellationRecord* record = claimed; record != nullptr; record = record->next) {
       record->state.store(kRecordRunning, std::memory_order_relaxed);
@@ -123,7 +116,7 @@ void TaskContext::cancel() noexcept {
 }
 
 bool TaskContext::addCancellationRecord(CancellationRecord& record) noexcept {
-  RecordsLock guard(recordsLock_);
+  std::lock_guard guard(recordsLock_);
   if (isCancelled()) return false;
   record.state.store(kRecordRegistered, std::memory_order_relaxed);
   record.prev = nullptr;
@@ -135,7 +128,7 @@ bool TaskContext::addCancellationRecord(CancellationRecord& record) noexcept {
 
 void TaskContext::removeCancellationRecord(CancellationRecord& record) noexcept {
   {
-    RecordsLock guard(recordsLock_);
+    std::lock_guard guard(recordsLock_);
     std::uint32_t state = record.state.load(std::memory_order_relaxed);
     if (state == kRecordIdle) return;
     if (state == kRecordRegistered) {

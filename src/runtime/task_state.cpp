@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <mutex>
 #include <vector>
 
 #include <carrow/runtime/detail/task_state.h>
@@ -6,18 +7,6 @@
 #include <carrow/runtime/task_group.h>
 
 namespace carrow::detail {
-
-namespace {
-
-struct Locked {
-  explicit Locked(platform::os_unfair_lock& lockWord) noexcept : word(lockWord) {
-    platform::os_unfair_lock_lock(&word);
-  }
-  ~Locked() { platform::os_unfair_lock_unlock(&word); }
-  platform::os_unfair_lock& word;
-};
-
-}  // namespace
 
 bool TaskStateCore::addWaiter(TaskWaiter& waiter) noexcept {
   TaskWaiter* head = waiters_.load(std::memory_order_acquire);
@@ -67,7 +56,7 @@ bool GroupCore::isCancelled() const noexcept {
 }
 
 bool GroupCore::isEmpty() const noexcept {
-  Locked guard(lock_);
+  std::lock_guard guard(lock_);
   return running_ == nullptr && finishedHead_ == nullptr;
 }
 
@@ -75,7 +64,7 @@ void GroupCore::adopt(TaskStateCore& child) noexcept {
   child.retain();  // the group's reference, handed to whoever takes the child from `next()`
   bool cancelNow = false;
   {
-    Locked guard(lock_);
+    std::lock_guard guard(lock_);
     child.groupPrev = nullptr;
     child.groupNext = running_;
     if (running_ != nullptr) running_->groupPrev = &child;
@@ -88,7 +77,7 @@ void GroupCore::adopt(TaskStateCore& child) noexcept {
 void GroupCore::childFinished(TaskStateCore& child) noexcept {
   std::coroutine_handle<> waiter;
   {
-    Locked guard(lock_);
+    std::lock_guard guard(lock_);
     if (child.groupPrev != nullptr) {
       child.groupPrev->groupNext = child.groupNext;
     } else {
@@ -113,7 +102,7 @@ void GroupCore::cancelAll() noexcept {
   // Children's handlers run without the group's lock: hold references instead.
   std::vector<TaskStateCore*> children;
   {
-    Locked guard(lock_);
+    std::lock_guard guard(lock_);
     try {
       for (TaskStateCore* child = running_; child != nullptr; child = child->groupNext) {
         children.push_back(child);
@@ -143,14 +132,14 @@ TaskStateCore* GroupCore::popFinishedLocked() noexcept {
 }
 
 TaskStateCore* GroupCore::takeFinished(bool& noneRunning) noexcept {
-  Locked guard(lock_);
+  std::lock_guard guard(lock_);
   TaskStateCore* child = popFinishedLocked();
   noneRunning = child == nullptr && running_ == nullptr;
   return child;
 }
 
 TaskStateCore* GroupCore::waitForChild(std::coroutine_handle<> handle) noexcept {
-  Locked guard(lock_);
+  std::lock_guard guard(lock_);
   TaskStateCore* child = popFinishedLocked();
   if (child == nullptr) waiter_ = handle;
   return child;

@@ -110,30 +110,30 @@ std::string readRootVolumeName() {
 }  // namespace
 
 std::vector<std::string_view> CRAttrListDiskTraits::memberNames() const {
-  static constexpr std::pair<std::string_view, std::uint64_t> kMembers[] = {
-      {"apfs", 0x1},
-      {"hfs", 0x2},
-      {"afpfs", 0x4},
-      {"afcs", 0x8},
-      {"exfat", 0x10},
-      {"msdos", 0x20},
-      {"ntfs", 0x40},
-      {"smbfs", 0x80},
-      {"rootFileSystem", 0x100},
-      {"local", 0x200},
-      {"browsable", 0x400},
-      {"readOnly", 0x800},
-      {"journaled", 0x1000},
-      {"snapshot", 0x2000},
-      {"ignoresOwnership", 0x4000},
-      {"contentProtection", 0x8000},
-      {"journalingSupported", 0x100000},
-      {"caseSensitive", 0x200000},
-      {"volumeGroups", 0x400000},
+  static constexpr std::pair<std::string_view, CRAttrListDiskTraits> kMembers[] = {
+      {"apfs", CRAttrListDiskTraits::apfs},
+      {"hfs", CRAttrListDiskTraits::hfs},
+      {"afpfs", CRAttrListDiskTraits::afpfs},
+      {"afcs", CRAttrListDiskTraits::afcs},
+      {"exfat", CRAttrListDiskTraits::exfat},
+      {"msdos", CRAttrListDiskTraits::msdos},
+      {"ntfs", CRAttrListDiskTraits::ntfs},
+      {"smbfs", CRAttrListDiskTraits::smbfs},
+      {"rootFileSystem", CRAttrListDiskTraits::rootFileSystem},
+      {"local", CRAttrListDiskTraits::local},
+      {"browsable", CRAttrListDiskTraits::browsable},
+      {"readOnly", CRAttrListDiskTraits::readOnly},
+      {"journaled", CRAttrListDiskTraits::journaled},
+      {"snapshot", CRAttrListDiskTraits::snapshot},
+      {"ignoresOwnership", CRAttrListDiskTraits::ignoresOwnership},
+      {"contentProtection", CRAttrListDiskTraits::contentProtection},
+      {"journalingSupported", CRAttrListDiskTraits::journalingSupported},
+      {"caseSensitive", CRAttrListDiskTraits::caseSensitive},
+      {"volumeGroups", CRAttrListDiskTraits::volumeGroups},
   };
   std::vector<std::string_view> names;
-  for (auto [name, bit] : kMembers) {
-    if (rawValue() & bit) names.push_back(name);
+  for (auto [name, member] : kMembers) {
+    if (contains(member)) names.push_back(name);
   }
   return names;
 }

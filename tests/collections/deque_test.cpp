@@ -51,7 +51,7 @@ using Header = Deque<int>::Header;
 using DequeBuffer = Deque<int>::DequeBuffer;
 
 Header headerOf(const auto& deque) {
-  return deque.storage().buffer()->header();
+  return detail::DequeInspection::storage(deque).buffer()->header();
 }
 
 std::vector<int> drain(Deque<int>& deque) {
@@ -78,7 +78,7 @@ TEST(Deque, NewDequeAllocatesNothing) {
   EXPECT_TRUE(deque.isEmpty());
   EXPECT_EQ(deque.count(), 0);
   EXPECT_EQ(deque.popFirst(), std::nullopt);
-  EXPECT_TRUE(deque.storage().isEmpty());
+  EXPECT_TRUE(detail::DequeInspection::storage(deque).isEmpty());
   EXPECT_EQ(deque.capacity(), 0);
 }
 
@@ -159,10 +159,12 @@ TEST(Deque, CopiesAreIndependentValues) {
   for (int i = 0; i < 5; ++i) original.append(i);
   original.popFirst();  // startSlot 1
   Deque<int> copy = original;
-  EXPECT_EQ(copy.storage().buffer(), original.storage().buffer());
+  EXPECT_EQ(detail::DequeInspection::storage(copy).buffer(),
+            detail::DequeInspection::storage(original).buffer());
 
   EXPECT_EQ(copy.popFirst(), 1);
-  EXPECT_NE(copy.storage().buffer(), original.storage().buffer());
+  EXPECT_NE(detail::DequeInspection::storage(copy).buffer(),
+            detail::DequeInspection::storage(original).buffer());
   EXPECT_EQ(original.count(), 4);
   // The private copy kept the layout: same capacity, the start moved on by one.
   EXPECT_EQ(headerOf(copy).capacity, headerOf(original).capacity);
@@ -189,26 +191,26 @@ Deque<int> withRoom(int first, int last) {
 
 TEST(Deque, ABlockNoLongerSharedIsChangedInPlace) {
   Deque<int> deque = withRoom(0, 2);
-  const DequeBuffer* block = deque.storage().buffer();
-  EXPECT_FALSE(deque.storage().mayBeShared());
+  const DequeBuffer* block = detail::DequeInspection::storage(deque).buffer();
+  EXPECT_FALSE(detail::DequeInspection::storage(deque).mayBeShared());
   {
     Deque<int> copy = deque;
-    EXPECT_TRUE(deque.storage().mayBeShared());
-    EXPECT_TRUE(copy.storage().mayBeShared());
+    EXPECT_TRUE(detail::DequeInspection::storage(deque).mayBeShared());
+    EXPECT_TRUE(detail::DequeInspection::storage(copy).mayBeShared());
   }
   deque.append(3);
-  EXPECT_EQ(deque.storage().buffer(), block);
-  EXPECT_FALSE(deque.storage().mayBeShared());
+  EXPECT_EQ(detail::DequeInspection::storage(deque).buffer(), block);
+  EXPECT_FALSE(detail::DequeInspection::storage(deque).mayBeShared());
   { Deque<int> copy = deque; }
   EXPECT_EQ(deque.popFirst(), 0);
-  EXPECT_EQ(deque.storage().buffer(), block);
-  EXPECT_FALSE(deque.storage().mayBeShared());
+  EXPECT_EQ(detail::DequeInspection::storage(deque).buffer(), block);
+  EXPECT_FALSE(detail::DequeInspection::storage(deque).mayBeShared());
 
   // Self-assignment keeps the block, and the deque is still its only holder.
   const Deque<int>& itself = deque;
   deque = itself;
   deque.append(4);
-  EXPECT_EQ(deque.storage().buffer(), block);
+  EXPECT_EQ(detail::DequeInspection::storage(deque).buffer(), block);
   EXPECT_EQ(drain(deque), (std::vector<int>{1, 2, 3, 4}));
 }
 
@@ -218,36 +220,39 @@ TEST(Deque, AssignmentMoveAndSwapKeepSharedBlocksIntact) {
   Deque<int> second = withRoom(10, 10);
   // Assigned over a deque that shared with `first`, `third` now shares with `second`.
   third = second;
-  EXPECT_TRUE(second.storage().mayBeShared());
-  EXPECT_EQ(third.storage().buffer(), second.storage().buffer());
+  EXPECT_TRUE(detail::DequeInspection::storage(second).mayBeShared());
+  EXPECT_EQ(detail::DequeInspection::storage(third).buffer(),
+            detail::DequeInspection::storage(second).buffer());
   third.append(11);
   EXPECT_EQ(drain(second), (std::vector<int>{10}));
   EXPECT_EQ(drain(third), (std::vector<int>{10, 11}));
   // `first` still has the flag; appending asks the count, which is one again.
-  const DequeBuffer* firstBlock = first.storage().buffer();
+  const DequeBuffer* firstBlock = detail::DequeInspection::storage(first).buffer();
   first.append(3);
-  EXPECT_EQ(first.storage().buffer(), firstBlock);
+  EXPECT_EQ(detail::DequeInspection::storage(first).buffer(), firstBlock);
 
   // A move hands the flag on with the block and leaves an empty, unshared deque.
   Deque<int> copy = first;
   Deque<int> moved = std::move(copy);
   EXPECT_TRUE(copy.isEmpty());
-  EXPECT_FALSE(copy.storage().mayBeShared());
-  EXPECT_TRUE(moved.storage().mayBeShared());
+  EXPECT_FALSE(detail::DequeInspection::storage(copy).mayBeShared());
+  EXPECT_TRUE(detail::DequeInspection::storage(moved).mayBeShared());
   EXPECT_EQ(moved.popFirst(), 0);
-  EXPECT_NE(moved.storage().buffer(), first.storage().buffer());
+  EXPECT_NE(detail::DequeInspection::storage(moved).buffer(),
+            detail::DequeInspection::storage(first).buffer());
 
   // Swap exchanges the flags with the blocks.
   Deque<int> shared = first;
   Deque<int> alone = withRoom(20, 20);
-  const DequeBuffer* aloneBlock = alone.storage().buffer();
+  const DequeBuffer* aloneBlock = detail::DequeInspection::storage(alone).buffer();
   swap(shared, alone);
-  EXPECT_TRUE(alone.storage().mayBeShared());
-  EXPECT_FALSE(shared.storage().mayBeShared());
+  EXPECT_TRUE(detail::DequeInspection::storage(alone).mayBeShared());
+  EXPECT_FALSE(detail::DequeInspection::storage(shared).mayBeShared());
   alone.append(4);
-  EXPECT_NE(alone.storage().buffer(), first.storage().buffer());
+  EXPECT_NE(detail::DequeInspection::storage(alone).buffer(),
+            detail::DequeInspection::storage(first).buffer());
   shared.append(21);
-  EXPECT_EQ(shared.storage().buffer(), aloneBlock);
+  EXPECT_EQ(detail::DequeInspection::storage(shared).buffer(), aloneBlock);
   EXPECT_EQ(drain(first), (std::vector<int>{0, 1, 2, 3}));
   EXPECT_EQ(drain(alone), (std::vector<int>{0, 1, 2, 3, 4}));
   EXPECT_EQ(drain(shared), (std::vector<int>{20, 21}));
@@ -332,7 +337,8 @@ TEST(Deque, OverAlignedElementsAreAligned) {
   };
   Deque<Wide> deque;
   for (int i = 0; i < 20; ++i) deque.append(Wide{i});
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(deque.storage().buffer()) % 64, 0U);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(detail::DequeInspection::storage(deque).buffer()) % 64,
+            0U);
   EXPECT_EQ(deque.popFirst()->value, 0);
 }
 
@@ -370,10 +376,10 @@ TEST(Deque, OneDequeMayBeCopiedOnSeveralThreadsAtOnce) {
       });
     }
     for (std::thread& thread : threads) thread.join();
-    EXPECT_TRUE(original.storage().mayBeShared());
-    const auto* before = original.storage().buffer();
+    EXPECT_TRUE(detail::DequeInspection::storage(original).mayBeShared());
+    const auto* before = detail::DequeInspection::storage(original).buffer();
     original.append("last");
-    EXPECT_EQ(original.storage().buffer(), before);
+    EXPECT_EQ(detail::DequeInspection::storage(original).buffer(), before);
     EXPECT_EQ(original.count(), 65);
   }
 }

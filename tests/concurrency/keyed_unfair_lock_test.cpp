@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 #include <latch>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -132,25 +133,100 @@ TEST(CRKeyedUnfairLock, CallersOfOneKeyEnterInArrivalOrder) {
   EXPECT_EQ(order, (std::vector<std::int64_t>{1, 2, 3, 4, 5}));
 }
 
-TEST(CRKeyedUnfairLock, ClearsRacingQueuedWaitersNeitherHangNorLeakEntries) {
-  // Callers queued on an entry that a clear removes finish on that entry; later callers start a
-  // new one. Under ThreadSanitizer this also checks the hand-over between the two.
+TEST(CRKeyedUnfairLock, ClearWithCallersInLineResetsTheKeyForThemAndKeepsOneLine) {
+  // A holds the key and clears it; B is already in line and stores; C arrives while B is inside.
+  // B must see the cleared key, C must wait for B and see what B stored.
+  using Strings = CRKeyedUnfairLock<std::string, std::string>;
+  using Step = Strings::Control<void>;
+  Strings keyed;
+  keyed.withLock("k",
+                 [](std::int64_t, std::optional<std::string>) { return Step::store("stale"); });
+
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  auto enter = [&] {
+    if (inside.fetch_add(1) != 0) overlapped = true;
+  };
+  std::latch aInside(1);
+  std::latch bInside(1);
+  std::int64_t bHits = 0;
+  std::optional<std::string> bSaw{"unset"};
+  std::int64_t cHits = 0;
+  std::optional<std::string> cSaw;
+
+  std::thread a([&] {
+    keyed.withLock("k", [&](std::int64_t, std::optional<std::string>) {
+      enter();
+      aInside.count_down();
+      std::this_thread::sleep_for(std::chrono::milliseconds(60));
+      inside.fetch_sub(1);
+      return Step::clear();
+    });
+  });
+  aInside.wait();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::thread b([&] {
+    keyed.withLock("k", [&](std::int64_t hits, std::optional<std::string> cached) {
+      enter();
+      bHits = hits;
+      bSaw = cached;
+      bInside.count_down();
+      std::this_thread::sleep_for(std::chrono::milliseconds(60));
+      inside.fetch_sub(1);
+      return Step::store("fresh");
+    });
+  });
+  bInside.wait();
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::thread c([&] {
+    keyed.withLock("k", [&](std::int64_t hits, std::optional<std::string> cached) {
+      enter();
+      cHits = hits;
+      cSaw = cached;
+      inside.fetch_sub(1);
+      return Step::doNothing();
+    });
+  });
+  a.join();
+  b.join();
+  c.join();
+
+  EXPECT_FALSE(overlapped);
+  EXPECT_EQ(bHits, 1);
+  EXPECT_EQ(bSaw, std::nullopt);
+  EXPECT_EQ(cHits, 2);
+  EXPECT_EQ(cSaw, "fresh");
+  EXPECT_EQ(keyed.count(), 1u);
+}
+
+TEST(CRKeyedUnfairLock, ClearsRacingQueuedWaitersNeitherHangNorOverlapNorLeakEntries) {
+  // Clears made while other callers wait keep one line per key; a key nobody holds or waits for
+  // after a clear leaves the table.
   CRKeyedUnfairLock<int, int> keyed;
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 1000; ++i) {
         keyed.withLock(3, [&](std::int64_t hits, std::optional<int> cached) {
           using C = CRKeyedUnfairLock<int, int>::Control<void>;
+          if (inside.fetch_add(1) != 0) overlapped = true;
           EXPECT_GE(hits, 1);
-          EXPECT_GE(cached.value_or(0), 0);
+          EXPECT_EQ(hits == 1, !cached.has_value());
+          inside.fetch_sub(1);
           return (i + t) % 3 == 0 ? C::clear() : C::store(i);
         });
       }
     });
   }
   for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(overlapped);
   EXPECT_LE(keyed.count(), 1u);
+  keyed.withLock(3, [](std::int64_t, std::optional<int>) {
+    return CRKeyedUnfairLock<int, int>::Control<void>::clear();
+  });
+  EXPECT_EQ(keyed.count(), 0u);
 }
 
 }  // namespace

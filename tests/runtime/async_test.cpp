@@ -88,7 +88,7 @@ TEST(Async, EveryValuePassedThroughAwaitIsDestroyedOnce) {
     Tracked again = co_await task.value();
     auto body = [](UnsafeContinuation<Tracked> continuation) { continuation.resume(Tracked(9)); };
     Tracked resumed = co_await withUnsafeContinuation<Tracked>(body);
-    auto checkedBody = [](CheckedContinuation<Tracked> continuation) {
+    auto checkedBody = [](CheckedContinuation<Tracked, Never> continuation) {
       std::thread([continuation] { continuation.resume(Tracked(10)); }).detach();
     };
     Tracked checked = co_await withCheckedContinuation<Tracked>("tracked", checkedBody);

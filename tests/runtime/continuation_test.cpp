@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,7 +21,7 @@ namespace {
 
 TEST(Continuation, ResumedSynchronouslyInsideTheBody) {
   const int value = runMain([]() -> Async<int> {
-    auto body = [](CheckedContinuation<int> continuation) { continuation.resume(11); };
+    auto body = [](CheckedContinuation<int, Never> continuation) { continuation.resume(11); };
     const int first = co_await withCheckedContinuation<int>("sync", body);
     auto unsafeBody = [](UnsafeContinuation<int> continuation) { continuation.resume(31); };
     const int second = co_await withUnsafeContinuation<int>(unsafeBody);
@@ -31,6 +32,36 @@ TEST(Continuation, ResumedSynchronouslyInsideTheBody) {
     co_return first + second + third;
   });
   EXPECT_EQ(value, 50);
+}
+
+// A continuation's error resumes exist exactly when the await can throw.
+template <class Continuation>
+concept ResumableWithError = requires(const Continuation& continuation, std::exception_ptr error) {
+  continuation.resumeThrowing(error);
+  continuation.resumeThrowing(std::runtime_error("failed"));
+};
+template <class Continuation, class T>
+concept ResumableWithOutcome = requires(const Continuation& continuation, Result<T> outcome) {
+  continuation.resumeWith(std::move(outcome));
+};
+static_assert(ResumableWithError<CheckedContinuation<int>>);
+static_assert(ResumableWithError<CheckedContinuation<void>>);
+static_assert(ResumableWithOutcome<CheckedContinuation<int>, int>);
+static_assert(!ResumableWithError<CheckedContinuation<int, Never>>);
+static_assert(!ResumableWithError<CheckedContinuation<void, Never>>);
+static_assert(!ResumableWithOutcome<CheckedContinuation<int, Never>, int>);
+static_assert(!ResumableWithOutcome<CheckedContinuation<void, Never>, void>);
+
+TEST(Continuation, NonThrowingFormHandsOutAContinuationWithoutErrorResumes) {
+  const std::string value = runMain([]() -> Async<std::string> {
+    auto body = [](auto continuation) {
+      static_assert(
+          std::is_same_v<decltype(continuation), CheckedContinuation<std::string, Never>>);
+      std::thread([continuation] { continuation.resume("from afar"); }).detach();
+    };
+    co_return co_await withCheckedContinuation<std::string>("nonThrowing", body);
+  });
+  EXPECT_EQ(value, "from afar");
 }
 
 TEST(Continuation, ResumedWithAnErrorFromAForeignThread) {
@@ -67,7 +98,7 @@ TEST(ContinuationDeathTest, SecondResumeStopsTheProcessNamingTheContinuation) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto resumeTwice = [] {
     runMain([]() -> Async<void> {
-      auto body = [](CheckedContinuation<void> continuation) {
+      auto body = [](CheckedContinuation<void, Never> continuation) {
         continuation.resume();
         continuation.resume();
       };
@@ -86,8 +117,8 @@ TEST(Continuation, DroppedWithoutResumeIsReported) {
   testing::internal::CaptureStderr();
   std::atomic<bool> dropped{false};
   parked->push_back(Task<void>::start([&dropped]() -> Async<void> {
-    auto body = [&dropped](CheckedContinuation<void> continuation) {
-      { CheckedContinuation<void> last = std::move(continuation); }  // the last copy goes here
+    auto body = [&dropped](CheckedContinuation<void, Never> continuation) {
+      { CheckedContinuation<void, Never> last = std::move(continuation); }  // the last copy
       dropped = true;
     };
     co_await withCheckedContinuation<void>("forgotten", body);

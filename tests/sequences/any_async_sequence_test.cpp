@@ -66,6 +66,35 @@ Async<std::vector<std::string>> play(Sequence sequence, int count) {
 
 using Results = std::vector<std::string>;
 
+// Counts the copies made of the sequence it wraps.
+struct CountedCopies : Scripted {
+  explicit CountedCopies(std::shared_ptr<int> copies) : Scripted({4}), copies_(std::move(copies)) {}
+  CountedCopies(const CountedCopies& other) : Scripted(other), copies_(other.copies_) {
+    ++*copies_;
+  }
+  CountedCopies(CountedCopies&&) = default;
+  std::shared_ptr<int> copies_;
+};
+
+TEST(AnyAsyncSequence, IsOneSharedPointerWhoseCopiesShareTheWrappedSequence) {
+  static_assert(sizeof(AnyAsyncSequence<int>) == sizeof(std::shared_ptr<void>));
+  static_assert(sizeof(AnyAsyncThrowingSequence<int>) == sizeof(std::shared_ptr<void>));
+  auto copies = std::make_shared<int>(0);
+  AnyAsyncSequence<int> erased(CountedCopies{copies});
+  AnyAsyncThrowingSequence<int> throwing(CountedCopies{copies});
+  EXPECT_EQ(*copies, 0);  // wrapping moves the sequence in once
+  auto erasedCopy = erased;
+  auto throwingCopy = throwing;
+  EXPECT_EQ(*copies, 0);  // copies share it
+  const auto results = runMain([erasedCopy, throwingCopy]() -> Async<Results> {
+    auto first = co_await play(erasedCopy, 2);
+    auto second = co_await play(throwingCopy, 1);
+    first.insert(first.end(), second.begin(), second.end());
+    co_return first;
+  });
+  EXPECT_EQ(results, (Results{"4", "end", "4"}));
+}
+
 TEST(AnyAsyncSequence, SwallowsErrorsAsTheEndWhereTheThrowingFormPassesThemOn) {
   const auto results = runMain([]() -> Async<std::pair<Results, Results>> {
     // The error reads as the end; the next call asks the wrapped iterator again.

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <carrow/attributes/attr_value.h>
+#include <carrow/attributes/detail/named_keys.h>
 #include <carrow/attributes/file_url.h>
 #include <carrow/attributes/kernel_types.h>
 #include <carrow/attributes/option_set.h>
@@ -144,7 +145,7 @@ class AttrList::BufferEntryKind {
   Decoder decoder_;
 };
 
-/// An attribute a client can ask for: one of 62 named keys, or `other` for any attribute without
+/// An attribute a client can ask for: one of the named keys, or `other` for any attribute without
 /// a name, which carries its own raw key and entry kind. Keys are equal, hashed and ordered by
 /// their raw keys' group and bit, so `other` with a named key's bit equals that named key.
 ///
@@ -152,24 +153,13 @@ class AttrList::BufferEntryKind {
 ///     AttrList::Key custom = AttrList::Key::other(raw, AttrList::BufferEntryKind::fixed(d, 8));
 class AttrList::Key {
  public:
-  // clang-format off
-  enum Named : std::uint8_t {
-    returnedAttributes, name, fsID, realFSID, deviceID, objectType, objectTag, objectID,
-    objectPermanentID, parentObjectID, textEncodingHint, createdTime, modificationTime,
-    changeTime, accessTime, backupTime, ownerID, groupID, accessMask, flags, genCount,
-    documentID, userAccess, ownerUUID, groupUUID, fileID, parentID, fullPath, addedTime,
-    protectionFlags,
-    volInfo, fsType, volumeSignature, volumeSize, spaceFree, spaceAvailable, spaceUsed,
-    minimumAllocation, allocationClump, ioBlockSize, objectCount, fileCount, directoryCount,
-    maximumObjectCount, mountPoint, volumeName, mountFlags, mountedDeviceName, encodingsUsed,
-    volumeCapabilities, volumeUUID, quota, volumeReservedSize, volumeAttributes,
-    filesystemTypeName,
-    directoryLinkCount, directoryEntryCount, mountStatus, allocSize, directoryIOBlockSize,
-    directoryDataLength,
-    fileLinkCount,
-  };
-  // clang-format on
-  static constexpr std::size_t namedCount = 62;
+#define CARROW_ATTR_NAMED_CASE(caseName, ...) caseName,
+#define CARROW_ATTR_COUNT_ONE(...) +1
+  /// The named keys, in the order of the table in `attributes/detail/named_keys.h`.
+  enum Named : std::uint8_t { CARROW_ATTR_NAMED_KEYS(CARROW_ATTR_NAMED_CASE) };
+  static constexpr std::size_t namedCount = 0 CARROW_ATTR_NAMED_KEYS(CARROW_ATTR_COUNT_ONE);
+#undef CARROW_ATTR_COUNT_ONE
+#undef CARROW_ATTR_NAMED_CASE
 
   Key(Named named) noexcept : named_(named) {}  // NOLINT: named keys read as `Key::name`
   /// The named key whose raw key has the group and bit of `rawKey`, else
@@ -182,7 +172,9 @@ class AttrList::Key {
   /// The named key spelled `caseName` ("volumeUUID"), or nothing.
   static std::optional<Key> named(std::string_view caseName) noexcept;
 
-  bool isOther() const noexcept { return other_ != nullptr; }
+  bool isOther() const noexcept {
+    return other_ != nullptr;
+  }
   /// The named case; nothing for `other`.
   std::optional<Named> namedCase() const noexcept {
     return other_ ? std::nullopt : std::optional<Named>(named_);
@@ -200,7 +192,9 @@ class AttrList::Key {
   friend std::weak_ordering operator<=>(const Key& lhs, const Key& rhs) noexcept {
     return lhs.rawKey() <=> rhs.rawKey();
   }
-  std::size_t hash() const noexcept { return rawKey().hash(); }
+  std::size_t hash() const noexcept {
+    return rawKey().hash();
+  }
 
  private:
   struct Other;
@@ -216,70 +210,11 @@ namespace detail {
 
 // The raw keys of the named keys, in declaration order. The previous bits record where the
 // volume group's reply order departs from bit order.
+#define CARROW_ATTR_RAW_KEY(caseName, group, bit, previous, ...) \
+  RawAttrKey(RawAttrKey::Kind::group, bit, previous),
 inline constexpr RawAttrKey kNamedRawKeys[AttrList::Key::namedCount] = {
-    RawAttrKey(RawAttrKey::Kind::common, 0x80000000u, 0u),           // returnedAttributes
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000001u),               // name
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000004u),               // fsID
-    RawAttrKey(RawAttrKey::Kind::fork, 0x00000080u),                 // realFSID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000002u),               // deviceID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000008u),               // objectType
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000010u),               // objectTag
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000020u),               // objectID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000040u),               // objectPermanentID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000080u),               // parentObjectID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000100u),               // textEncodingHint
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000200u),               // createdTime
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000400u),               // modificationTime
-    RawAttrKey(RawAttrKey::Kind::common, 0x00000800u),               // changeTime
-    RawAttrKey(RawAttrKey::Kind::common, 0x00001000u),               // accessTime
-    RawAttrKey(RawAttrKey::Kind::common, 0x00002000u),               // backupTime
-    RawAttrKey(RawAttrKey::Kind::common, 0x00008000u),               // ownerID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00010000u),               // groupID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00020000u),               // accessMask
-    RawAttrKey(RawAttrKey::Kind::common, 0x00040000u),               // flags
-    RawAttrKey(RawAttrKey::Kind::common, 0x00080000u),               // genCount
-    RawAttrKey(RawAttrKey::Kind::common, 0x00100000u),               // documentID
-    RawAttrKey(RawAttrKey::Kind::common, 0x00200000u),               // userAccess
-    RawAttrKey(RawAttrKey::Kind::common, 0x00800000u),               // ownerUUID
-    RawAttrKey(RawAttrKey::Kind::common, 0x01000000u),               // groupUUID
-    RawAttrKey(RawAttrKey::Kind::common, 0x02000000u),               // fileID
-    RawAttrKey(RawAttrKey::Kind::common, 0x04000000u),               // parentID
-    RawAttrKey(RawAttrKey::Kind::common, 0x08000000u),               // fullPath
-    RawAttrKey(RawAttrKey::Kind::common, 0x10000000u),               // addedTime
-    RawAttrKey(RawAttrKey::Kind::common, 0x40000000u),               // protectionFlags
-    RawAttrKey(RawAttrKey::Kind::volume, 0x80000000u),               // volInfo
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000001u, 0u),           // fsType
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000002u),               // volumeSignature
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000004u, 0x00000002u),  // volumeSize
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000008u, 0x00000004u),  // spaceFree
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000010u, 0x00000008u),  // spaceAvailable
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00800000u, 0x00000010u),  // spaceUsed
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000020u),               // minimumAllocation
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000040u),               // allocationClump
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000080u),               // ioBlockSize
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000100u),               // objectCount
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000200u),               // fileCount
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000400u),               // directoryCount
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00000800u),               // maximumObjectCount
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00001000u),               // mountPoint
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00002000u),               // volumeName
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00004000u),               // mountFlags
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00008000u),               // mountedDeviceName
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00010000u),               // encodingsUsed
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00020000u),               // volumeCapabilities
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00040000u),               // volumeUUID
-    RawAttrKey(RawAttrKey::Kind::volume, 0x10000000u, 0x00040000u),  // quota
-    RawAttrKey(RawAttrKey::Kind::volume, 0x20000000u, 0x10000000u),  // volumeReservedSize
-    RawAttrKey(RawAttrKey::Kind::volume, 0x40000000u, 0x20000000u),  // volumeAttributes
-    RawAttrKey(RawAttrKey::Kind::volume, 0x00100000u, 0x40000000u),  // filesystemTypeName
-    RawAttrKey(RawAttrKey::Kind::directory, 0x00000001u),            // directoryLinkCount
-    RawAttrKey(RawAttrKey::Kind::directory, 0x00000002u),            // directoryEntryCount
-    RawAttrKey(RawAttrKey::Kind::directory, 0x00000004u),            // mountStatus
-    RawAttrKey(RawAttrKey::Kind::directory, 0x00000008u),            // allocSize
-    RawAttrKey(RawAttrKey::Kind::directory, 0x00000010u),            // directoryIOBlockSize
-    RawAttrKey(RawAttrKey::Kind::directory, 0x00000020u),            // directoryDataLength
-    RawAttrKey(RawAttrKey::Kind::file, 0x00000001u),                 // fileLinkCount
-};
+    CARROW_ATTR_NAMED_KEYS(CARROW_ATTR_RAW_KEY)};
+#undef CARROW_ATTR_RAW_KEY
 
 }  // namespace detail
 

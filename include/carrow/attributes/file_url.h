@@ -16,6 +16,8 @@ namespace carrow {
 ///     auto url = FileURL::fileURLWithPath("/System/Volumes/Data/", true);
 ///     url.path();            // "/System/Volumes/Data"
 ///     url.absoluteString();  // "file:///System/Volumes/Data/"
+///
+/// Values are immutable and may be shared between threads.
 class FileURL {
  public:
   /// The URL of `path`. A path that ends in "/" names a directory whatever `isDirectory` says.
@@ -36,13 +38,10 @@ class FileURL {
   /// The path, without trailing separators.
   const std::string& path() const noexcept { return path_; }
   bool hasDirectoryPath() const noexcept { return isDirectory_; }
-  /// "file://" followed by the path, with "/" after a directory's path (percent-encoding is
-  /// left out: the text is meant for reading).
-  std::string absoluteString() const {
-    std::string text = "file://" + path_;
-    if (isDirectory_ && path_ != "/") text.push_back('/');
-    return text;
-  }
+  /// The URL's text: "file://" followed by the path, with "/" after a directory's path. Every
+  /// byte of the path that a URL path cannot hold as it is (a blank, "%", "#", "?", any byte
+  /// outside ASCII, ...) is percent-encoded, so "/tmp/a b#1" reads "file:///tmp/a%20b%231".
+  std::string absoluteString() const;
 
   friend bool operator==(const FileURL&, const FileURL&) = default;
   friend auto operator<=>(const FileURL&, const FileURL&) = default;

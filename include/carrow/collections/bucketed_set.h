@@ -13,9 +13,9 @@
 #include <nlohmann/json.hpp>
 
 #include <carrow/collections/case_list.h>
-#include <carrow/collections/checked.h>
-#include <carrow/collections/coding.h>
-#include <carrow/collections/counting_pairs.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/coding.h>
+#include <carrow/collections/detail/counting_pairs.h>
 
 namespace carrow {
 
@@ -115,18 +115,44 @@ class BucketedSet {
 
   bool operator==(const BucketedSet&) const = default;
 
-  /// Decodes the encoded form; `codingPath` prefixes the field names in errors.
+  /// Decodes the encoded form; `codingPath` prefixes the field names in errors. Fields that
+  /// disagree with each other are a `DecodingError` naming the field, so a decoded set never
+  /// stops the process later: `bucketCount` must be the length of `store`, every bucket must be
+  /// addressable by `Value`, and `count` must be non-negative (and, for an integer `Total`, fit
+  /// it, since `average()` divides by it). `total` is taken as decoded: `setKeepingTotal` and `+`
+  /// legitimately leave it apart from the weighted sum of the buckets.
   static BucketedSet fromJson(const nlohmann::json& json, std::string_view codingPath = {}) {
     BucketedSet result(0);
     result.store_ = detail::decodeArrayField<Total>(json, "store", codingPath);
     result.bucketCount_ = detail::decodeField<std::ptrdiff_t>(json, "bucketCount", codingPath);
     result.total_ = detail::decodeField<Total>(json, "total", codingPath);
     result.count_ = detail::decodeField<std::ptrdiff_t>(json, "count", codingPath);
+    result.checkDecoded(codingPath);
     return result;
   }
 
  private:
   friend const_iterator;
+
+  void checkDecoded(std::string_view codingPath) const {
+    auto fail = [&](std::string_view field, const std::string& reason) {
+      throw DecodingError(detail::codingPath(codingPath, field), reason);
+    };
+    if (bucketCount_ != std::ssize(store_)) {
+      fail("bucketCount", "bucket count " + std::to_string(bucketCount_) + " disagrees with the "
+                              + std::to_string(store_.size()) + " amounts of the store");
+    }
+    if (!store_.empty() && !std::in_range<Value>(store_.size() - 1)) {
+      fail("store",
+           std::to_string(store_.size()) + " buckets cannot all be addressed by the value type");
+    }
+    if (count_ < 0) fail("count", "count " + std::to_string(count_) + " is negative");
+    if constexpr (std::integral<Total>) {
+      if (!std::in_range<Total>(count_)) {
+        fail("count", "count " + std::to_string(count_) + " does not fit the amount type");
+      }
+    }
+  }
 
   static std::size_t checkedSize(std::ptrdiff_t bucketCount) {
     return detail::checkedConvert<std::size_t>(bucketCount, __LINE__);

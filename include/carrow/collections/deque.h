@@ -12,11 +12,24 @@
 #include <type_traits>
 #include <utility>
 
-#include <carrow/collections/checked.h>
-#include <carrow/collections/deque_block.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/deque_block.h>
 #include <carrow/platform/fatal_error.h>
 
 namespace carrow {
+
+template <class Element>
+class Deque;
+
+namespace detail {
+// Read access to a deque's block, for the library's own tests of its sharing and layout.
+struct DequeInspection {
+  template <class Element>
+  static const auto& storage(const Deque<Element>& deque) noexcept {
+    return deque.storage_;
+  }
+};
+}  // namespace detail
 
 /// A first-in first-out ring buffer.
 ///
@@ -247,12 +260,11 @@ class Deque {
     return takeFront(buffer, header);
   }
 
-  /// The storage, for inspecting the block's header.
-  const Storage& storage() const noexcept { return storage_; }
-
   friend void swap(Deque& a, Deque& b) noexcept { swap(a.storage_, b.storage_); }
 
  private:
+  friend struct detail::DequeInspection;
+
   // The slot `offset` places after `base`, wrapped once. Offsets are counts, so never negative
   // and never above the capacity: one correction suffices.
   static std::ptrdiff_t slotFor(std::ptrdiff_t base, std::ptrdiff_t offset,

@@ -15,23 +15,22 @@
 
 #include <nlohmann/json.hpp>
 
-#include <carrow/collections/checked.h>
-#include <carrow/collections/coding.h>
-#include <carrow/collections/counting_pairs.h>
-#include <carrow/collections/option_set.h>
+#include <carrow/collections/bit_flags.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/coding.h>
+#include <carrow/collections/detail/counting_pairs.h>
 
 namespace carrow {
 
 /// Counts, for every bit of a set of flags, how often that bit has been counted.
 ///
 /// `byBitIndex()[i]` is the counter of the flag with raw value `1 << i`; there is one counter per
-/// bit of the raw value. A decoded counter keeps the array it was given, even a shorter one;
-/// counting a bit that has no counter stops the process, as does overflow.
+/// bit of the raw value. Overflow of a counter stops the process.
 ///
 /// Encoded as {"byBitIndex": [counts]}.
-template <OptionSet Flags>
+template <BitFlags Flags>
 class FlagCounter {
-  using Traits = OptionSetTraits<Flags>;
+  using Traits = BitFlagsTraits<Flags>;
   using RawValue = typename Traits::RawValue;
   using Bits = std::make_unsigned_t<RawValue>;
   static constexpr int kWidth = static_cast<int>(sizeof(RawValue) * CHAR_BIT);
@@ -82,8 +81,7 @@ class FlagCounter {
 
   const std::vector<std::ptrdiff_t>& byBitIndex() const noexcept { return byBitIndex_; }
 
-  /// (single-bit flag, count) for every counter in bit order. Counters beyond the width of the raw
-  /// value (only after decoding a longer array) pair with the empty flag set.
+  /// (single-bit flag, count) for every counter in bit order.
   const_iterator begin() const noexcept { return const_iterator(this, 0); }
   const_iterator end() const noexcept { return const_iterator(this, std::ssize(byBitIndex_)); }
 
@@ -108,10 +106,16 @@ class FlagCounter {
 
   bool operator==(const FlagCounter&) const = default;
 
-  /// Decodes the encoded form; `codingPath` prefixes the field names in errors.
+  /// Decodes the encoded form; `codingPath` prefixes the field names in errors. An array that
+  /// does not have one counter per bit of the raw value is a `DecodingError`.
   static FlagCounter fromJson(const nlohmann::json& json, std::string_view codingPath = {}) {
     FlagCounter result;
     result.byBitIndex_ = detail::decodeArrayField<std::ptrdiff_t>(json, "byBitIndex", codingPath);
+    if (std::ssize(result.byBitIndex_) != kWidth) {
+      throw DecodingError(detail::codingPath(codingPath, "byBitIndex"),
+                          std::to_string(result.byBitIndex_.size()) + " counters disagree with the "
+                              + std::to_string(kWidth) + " bits of the raw value");
+    }
     return result;
   }
 
@@ -133,12 +137,12 @@ class FlagCounter {
   std::vector<std::ptrdiff_t> byBitIndex_;
 };
 
-template <OptionSet Flags>
+template <BitFlags Flags>
 void to_json(nlohmann::json& json, const FlagCounter<Flags>& counter) {
   json = nlohmann::json{{"byBitIndex", counter.byBitIndex()}};
 }
 
-template <OptionSet Flags>
+template <BitFlags Flags>
 void from_json(const nlohmann::json& json, FlagCounter<Flags>& counter) {
   counter = FlagCounter<Flags>::fromJson(json);
 }

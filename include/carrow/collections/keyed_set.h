@@ -1,5 +1,6 @@
 #pragma once
 
+#include <iterator>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -9,8 +10,8 @@
 
 #include <carrow/collections/bucketed_set.h>
 #include <carrow/collections/case_list.h>
-#include <carrow/collections/checked.h>
-#include <carrow/collections/coding.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/coding.h>
 
 namespace carrow {
 
@@ -55,11 +56,24 @@ class KeyedSet {
 
   bool operator==(const KeyedSet&) const = default;
 
-  /// Decodes the encoded form; `codingPath` prefixes the field names in errors.
+  /// Decodes the encoded form; `codingPath` prefixes the field names in errors. Besides the
+  /// store's own checks, the store must have one bucket per case and a zero total, as every
+  /// `KeyedSet` does; anything else is a `DecodingError` naming the field.
   static KeyedSet fromJson(const nlohmann::json& json, std::string_view codingPath = {}) {
+    const std::string storePath = detail::codingPath(codingPath, "store");
     KeyedSet result;
-    result.store_ = Store::fromJson(detail::requireField(json, "store", codingPath),
-                                    detail::codingPath(codingPath, "store"));
+    result.store_ = Store::fromJson(detail::requireField(json, "store", codingPath), storePath);
+    const auto cases = std::ssize(CaseList<Key>::allCases);
+    if (result.store_.bucketCount() != cases) {
+      throw DecodingError(detail::codingPath(storePath, "bucketCount"),
+                          "bucket count " + std::to_string(result.store_.bucketCount())
+                              + " disagrees with the " + std::to_string(cases)
+                              + " cases of the key");
+    }
+    if (!(result.store_.total() == Total{})) {
+      throw DecodingError(detail::codingPath(storePath, "total"),
+                          "a keyed set's total is always zero");
+    }
     return result;
   }
 

@@ -12,9 +12,9 @@
 #include <variant>
 #include <vector>
 
-#include <carrow/collections/checked.h>
+#include <carrow/collections/detail/checked.h>
+#include <carrow/collections/detail/value_iterator.h>
 #include <carrow/collections/sort_key_path.h>
-#include <carrow/collections/value_iterator.h>
 
 namespace carrow {
 

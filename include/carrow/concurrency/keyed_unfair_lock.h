@@ -11,7 +11,7 @@
 #include <utility>
 #include <variant>
 
-#include <carrow/concurrency/ticket_lock.h>
+#include <carrow/concurrency/detail/ticket_lock.h>
 #include <carrow/concurrency/unfair_lock.h>
 #include <carrow/platform/fatal_error.h>
 
@@ -23,7 +23,7 @@ namespace carrow {
 /// callers reached the table. Callers draw their place in a key's line under the table lock and
 /// wait for their turn without it, so a busy key never holds up other keys. The body learns how
 /// often its key has been taken (the hit count, 1 on first use) and, in the second form, the value
-/// cached for the key, and its `Control` verdict keeps, replaces or drops the key's entry:
+/// cached for the key, and its `Control` verdict keeps, replaces or clears the key's entry:
 ///
 ///     CRKeyedUnfairLock<std::string, Connection> connections;
 ///     auto c = connections.withLock(host, [&](std::int64_t hits, std::optional<Connection> cached)
@@ -33,6 +33,10 @@ namespace carrow {
 ///       Connection fresh = connect(host);
 ///       return Verdict::store(fresh, fresh);
 ///     });
+///
+/// A `clear` resets the key: the next body to run for it, whether it was already waiting or
+/// arrives later, sees hit count 1 and no value, and what it stores is kept. The entry leaves the
+/// table only when nobody holds or waits for the key, so callers of one key always share one line.
 ///
 /// Bodies run with only their key's lock held: they must be short, must not suspend and must not
 /// take the same key again (the lock is not recursive). The keyed lock lives in one place: it is
@@ -48,8 +52,10 @@ class CRKeyedUnfairLock {
 
    private:
     friend class CRKeyedUnfairLock;
-    TicketLock innerLock_;       // tickets drawn under the table lock
-    std::int64_t hitCount_ = 0;  // guarded by the table lock
+    detail::TicketLock innerLock_;  // tickets drawn under the table lock
+    // Both guarded by the key's turn. The hit count is counted when a caller's turn starts, so a
+    // clear can restart it for the callers already in line.
+    std::int64_t hitCount_ = 0;
     std::optional<Value> value_;
   };
 
@@ -103,23 +109,19 @@ class CRKeyedUnfairLock {
   }
 
   /// Runs `body(hitCount, cachedValue)` during `key`'s turn and acts on its `Control` verdict:
-  /// `doNothing` keeps the entry, `store` replaces the cached value, `clear` removes the entry.
-  /// Returns the verdict's result. If the body throws, the entry is unchanged.
+  /// `doNothing` keeps the entry, `store` replaces the cached value, `clear` resets the key to no
+  /// value and hit count 1 (and drops its entry when nobody else holds or waits for it). Returns
+  /// the verdict's result. If the body throws, the entry is unchanged.
   template <class Body>
   requires std::invocable<Body&, std::int64_t, std::optional<Value>>
   auto withLock(const Key& key, Body&& body) ->
       typename std::invoke_result_t<Body&, std::int64_t, std::optional<Value>>::Result {
     using Verdict = std::invoke_result_t<Body&, std::int64_t, std::optional<Value>>;
-    std::optional<Verdict> verdict;
-    std::shared_ptr<Entry> entry;
-    {
-      Turn turn = take(key);
-      verdict.emplace(body(turn.hitCount, turn.entry->value_));
-      if (verdict->kind_ == Verdict::Kind::store) turn.entry->value_ = std::move(verdict->value_);
-      if (verdict->kind_ == Verdict::Kind::clear) entry = turn.entry;
-    }
-    if (entry) remove(key, entry);
-    if constexpr (!std::is_void_v<typename Verdict::Result>) return std::move(verdict->result_);
+    Turn turn = take(key);
+    Verdict verdict = body(turn.hitCount, turn.entry->value_);
+    if (verdict.kind_ == Verdict::Kind::store) turn.entry->value_ = std::move(verdict.value_);
+    if (verdict.kind_ == Verdict::Kind::clear) clear(key, turn);
+    if constexpr (!std::is_void_v<typename Verdict::Result>) return std::move(verdict.result_);
   }
 
   /// The number of keys with an entry (for diagnostics and tests).
@@ -129,41 +131,47 @@ class CRKeyedUnfairLock {
   }
 
  private:
-  // A caller's turn on one key: the entry, the hit count it drew, and the release on scope exit.
+  // A caller's turn on one key: the entry, its place in the entry's line, the hit count counted
+  // when the turn began, and the release on scope exit.
   struct Turn {
     std::shared_ptr<Entry> entry;
+    std::uint64_t ticket;
     std::int64_t hitCount;
-    Turn(std::shared_ptr<Entry> e, std::int64_t hits) : entry(std::move(e)), hitCount(hits) {}
+    Turn(std::shared_ptr<Entry> e, std::uint64_t t, std::int64_t hits)
+        : entry(std::move(e)), ticket(t), hitCount(hits) {}
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
     ~Turn() { entry->innerLock_.release(); }
   };
 
-  // Counts the use and draws a ticket under the table lock, then waits for the ticket without it.
+  // Draws a place in the key's line under the table lock, then waits for it without that lock.
   Turn take(const Key& key) {
     std::shared_ptr<Entry> entry;
-    std::int64_t hits = 0;
     std::uint64_t ticket = 0;
     {
       std::lock_guard table(cacheLock_);
       auto& slot = keyedLocks_[key];
       if (!slot) slot = std::make_shared<Entry>();
-      slot->hitCount_ =
-          checkedAdd<std::int64_t>(slot->hitCount_, 1, "CarrowPrivate/Locks", __LINE__);
-      hits = slot->hitCount_;
       ticket = slot->innerLock_.draw();
       entry = slot;
     }
     entry->innerLock_.wait(ticket);
-    return Turn(std::move(entry), hits);
+    entry->hitCount_ =
+        checkedAdd<std::int64_t>(entry->hitCount_, 1, "CarrowPrivate/Locks", __LINE__);
+    std::int64_t hits = entry->hitCount_;
+    return Turn(std::move(entry), ticket, hits);
   }
 
-  // Removes the key's entry if it is still `entry`: a later clear and a new entry may have come
-  // between this caller's unlock and this removal, and that newer entry must survive.
-  void remove(const Key& key, const std::shared_ptr<Entry>& entry) {
+  // Resets the key during the caller's turn. Callers already in line keep the entry (and so keep
+  // waiting their turn in order); only an entry nobody else has a place on leaves the table.
+  // Taking the table lock during a turn cannot deadlock: nobody waits for a turn holding it.
+  void clear(const Key& key, const Turn& turn) {
+    turn.entry->value_.reset();
+    turn.entry->hitCount_ = 0;
     std::lock_guard table(cacheLock_);
+    if (turn.entry->innerLock_.hasDrawnAfter(turn.ticket)) return;
     auto found = keyedLocks_.find(key);
-    if (found != keyedLocks_.end() && found->second == entry) keyedLocks_.erase(found);
+    if (found != keyedLocks_.end() && found->second == turn.entry) keyedLocks_.erase(found);
   }
 
   mutable CRUnfairLock cacheLock_;

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <memory>
-#include <type_traits>
+#include <mutex>
 #include <utility>
 
 #include <carrow/platform/unfair_lock.h>
@@ -9,38 +8,37 @@
 namespace carrow {
 
 /// A non-recursive, unfair mutual-exclusion lock for short critical sections that never suspend.
+/// It is the library's one lock: everything that guards state with a lock word (the cells, the
+/// keyed lock's table, the executors' queues, the streams, the task groups) holds one of these and
+/// takes it with `std::lock_guard`, or with `withLock`.
 ///
-/// The lock word lives in a heap cell of its own so that its address never moves while the lock
-/// lives; the object itself is shared by reference (hold it by value in one place, or through a
-/// `std::shared_ptr`) and is never copied. It satisfies BasicLockable, so `std::lock_guard` and
-/// `std::scoped_lock` work with it. Taking and releasing a free lock allocates nothing and makes no
-/// system call.
+/// The lock is one 32-bit word kept inside the object: the object can neither be copied nor
+/// moved, so the word's address never changes while the lock lives, and making a lock allocates
+/// nothing. Share it by reference (hold it by value in one place, or through a `std::shared_ptr`).
+/// It satisfies BasicLockable, so `std::lock_guard` and `std::scoped_lock` work with it. Taking
+/// and releasing a free lock makes no system call. There is no try-lock and no owner check.
 class CRUnfairLock {
  public:
-  CRUnfairLock() : innerLock_(std::make_unique<platform::os_unfair_lock>()) {}
+  constexpr CRUnfairLock() noexcept = default;
   CRUnfairLock(const CRUnfairLock&) = delete;
   CRUnfairLock& operator=(const CRUnfairLock&) = delete;
 
   /// Blocks until the calling thread owns the lock. Taking a lock one already holds deadlocks.
-  void lock() noexcept { platform::os_unfair_lock_lock(innerLock_.get()); }
+  void lock() noexcept { platform::os_unfair_lock_lock(&innerLock_); }
 
   /// Releases the lock; only the owning thread may call it.
-  void unlock() noexcept { platform::os_unfair_lock_unlock(innerLock_.get()); }
+  void unlock() noexcept { platform::os_unfair_lock_unlock(&innerLock_); }
 
   /// Runs `body` with the lock held and returns its result. If `body` throws, the lock is released
   /// first and the same exception propagates unchanged.
   template <class Body>
   decltype(auto) withLock(Body&& body) {
-    lock();
-    struct Unlock {
-      CRUnfairLock* self;
-      ~Unlock() { self->unlock(); }
-    } guard{this};
+    std::lock_guard guard(*this);
     return std::forward<Body>(body)();
   }
 
  private:
-  std::unique_ptr<platform::os_unfair_lock> innerLock_;
+  platform::os_unfair_lock innerLock_{};
 };
 
 }  // namespace carrow

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <carrow/runtime/detail/basic_stream.h>
+#include <carrow/runtime/stream_termination.h>
 
 namespace carrow {
 

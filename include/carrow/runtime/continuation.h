@@ -105,23 +105,36 @@ class UnsafeContinuation<void> {
   detail::ContinuationSlot<void>* slot_;
 };
 
+/// The error type of a continuation that cannot fail: no value of it exists, so a
+/// `CheckedContinuation<T, Never>` has no way to be resumed with an error.
+enum class Never {};
+
 /// A continuation that checks it is resumed exactly once. A second resume stops the process with
 /// a message naming the continuation; when the last copy is destroyed without a resume, that is
 /// reported on stderr (the task then never continues). Copyable; copies share the check.
-template <class T>
+///
+/// `Failure` is `std::exception_ptr` for the continuations of `withCheckedThrowingContinuation`,
+/// which may resume with an error, and `Never` for those of `withCheckedContinuation`, which can
+/// only resume with a value.
+template <class T, class Failure = std::exception_ptr>
 class CheckedContinuation {
  public:
+  static constexpr bool kThrows = !std::is_same_v<Failure, Never>;
+
+  /// Resumes the task with `value`.
   void resume(T value) const noexcept(std::is_nothrow_move_constructible_v<T>) {
     state_->claim()->deliver(Result<T>::success(std::move(value)));
   }
-  void resumeThrowing(std::exception_ptr error) const noexcept {
+  /// Resumes the task with `error`, which the awaiting code throws.
+  void resumeThrowing(std::exception_ptr error) const noexcept requires kThrows {
     state_->claim()->deliver(Result<T>::failure(std::move(error)));
   }
   template <class Error>
-  void resumeThrowing(Error error) const {
+  requires kThrows void resumeThrowing(Error error) const {
     resumeThrowing(std::make_exception_ptr(std::move(error)));
   }
-  void resumeWith(Result<T> outcome) const noexcept {
+  /// Resumes with the value or the error that `outcome` holds.
+  void resumeWith(Result<T> outcome) const noexcept requires kThrows {
     state_->claim()->deliver(std::move(outcome));
   }
 
@@ -136,18 +149,20 @@ class CheckedContinuation {
   std::shared_ptr<detail::CheckedState<T>> state_;
 };
 
-template <>
-class CheckedContinuation<void> {
+template <class Failure>
+class CheckedContinuation<void, Failure> {
  public:
+  static constexpr bool kThrows = !std::is_same_v<Failure, Never>;
+
   void resume() const noexcept { state_->claim()->deliver(Result<void>::success()); }
-  void resumeThrowing(std::exception_ptr error) const noexcept {
+  void resumeThrowing(std::exception_ptr error) const noexcept requires kThrows {
     state_->claim()->deliver(Result<void>::failure(std::move(error)));
   }
   template <class Error>
-  void resumeThrowing(Error error) const {
+  requires kThrows void resumeThrowing(Error error) const {
     resumeThrowing(std::make_exception_ptr(std::move(error)));
   }
-  void resumeWith(Result<void> outcome) const noexcept {
+  void resumeWith(Result<void> outcome) const noexcept requires kThrows {
     state_->claim()->deliver(std::move(outcome));
   }
   const std::string& name() const noexcept { return state_->name; }
@@ -162,7 +177,7 @@ class CheckedContinuation<void> {
 namespace detail {
 
 /// Suspends the awaiting task and hands a continuation for it to `body`, synchronously.
-template <class T, class Body, bool Checked>
+template <class T, class Body, bool Checked, class Failure = std::exception_ptr>
 class ContinuationAwaiter {
  public:
   ContinuationAwaiter(std::string_view name, Body body) : name_(name), body_(std::move(body)) {}
@@ -179,7 +194,7 @@ class ContinuationAwaiter {
     Body body = std::move(body_);
     if constexpr (Checked) {
       auto state = std::make_shared<CheckedState<T>>(name_, &slot_);
-      callBody(body, CheckedContinuation<T>(std::move(state)));
+      callBody(body, CheckedContinuation<T, Failure>(std::move(state)));
     } else {
       callBody(body, UnsafeContinuation<T>(&slot_));
     }
@@ -221,11 +236,12 @@ detail::ContinuationAwaiter<T, Body, true> withCheckedThrowingContinuation(std::
   return detail::ContinuationAwaiter<T, Body, true>(name, std::move(body));
 }
 
-/// As `withCheckedThrowingContinuation`, for continuations that are only resumed with a value.
+/// As `withCheckedThrowingContinuation`, but `body` receives a `CheckedContinuation<T, Never>`,
+/// which can only be resumed with a value: the await never throws.
 template <class T, class Body>
-detail::ContinuationAwaiter<T, Body, true> withCheckedContinuation(std::string_view name,
-                                                                   Body body) {
-  return detail::ContinuationAwaiter<T, Body, true>(name, std::move(body));
+detail::ContinuationAwaiter<T, Body, true, Never> withCheckedContinuation(std::string_view name,
+                                                                          Body body) {
+  return detail::ContinuationAwaiter<T, Body, true, Never>(name, std::move(body));
 }
 
 /// As `withCheckedThrowingContinuation` without the checks (and without their allocation).
@@ -234,7 +250,8 @@ detail::ContinuationAwaiter<T, Body, false> withUnsafeThrowingContinuation(Body 
   return detail::ContinuationAwaiter<T, Body, false>(std::string_view(), std::move(body));
 }
 
-/// As `withUnsafeThrowingContinuation`, for continuations that are only resumed with a value.
+/// As `withUnsafeThrowingContinuation`; the same unchecked continuation, named for the awaits
+/// whose callers only ever resume with a value (nothing enforces it).
 template <class T, class Body>
 detail::ContinuationAwaiter<T, Body, false> withUnsafeContinuation(Body body) {
   return detail::ContinuationAwaiter<T, Body, false>(std::string_view(), std::move(body));

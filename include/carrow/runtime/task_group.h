@@ -2,11 +2,12 @@
 
 #include <coroutine>
 #include <exception>
+#include <mutex>
 #include <optional>
 #include <type_traits>
 #include <utility>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/detail/task_state.h>
 #include <carrow/runtime/task_priority.h>
@@ -49,7 +50,7 @@ class GroupCore {
   TaskStateCore* popFinishedLocked() noexcept;
 
   TaskContext& parent_;
-  mutable platform::os_unfair_lock lock_{};
+  mutable CRUnfairLock lock_;
   std::atomic<bool> cancelled_{false};
   TaskStateCore* running_ = nullptr;  // doubly linked
   TaskStateCore* finishedHead_ = nullptr;
@@ -120,6 +121,10 @@ class GroupNextAwaiter {
 
 }  // namespace detail
 
+namespace detail {
+struct TaskGroupAccess;
+}  // namespace detail
+
 /// A set of child tasks owned by the task that runs `withThrowingTaskGroup`. Children return
 /// `ChildResult` (or nothing) and may throw. Every operation is called from the owning task only.
 ///
@@ -181,10 +186,13 @@ class ThrowingTaskGroup {
   /// True when no child is running and none is waiting to be taken by `next()`.
   bool isEmpty() const noexcept { return core_.isEmpty(); }
 
-  /// Made by `withThrowingTaskGroup` for the task that owns `parent`.
+ private:
+  friend struct detail::TaskGroupAccess;
+
+  // Made by `withThrowingTaskGroup` for the task that owns `parent`.
   explicit ThrowingTaskGroup(detail::TaskContext& parent) noexcept : core_(parent) {}
 
-  /// Awaits every remaining child, dropping outcomes and errors (what leaving the group does).
+  // Awaits every remaining child, dropping outcomes and errors (what leaving the group does).
   Async<void> drain() {
     bool more = true;
     while (more) {
@@ -196,9 +204,22 @@ class ThrowingTaskGroup {
     co_return;
   }
 
- private:
   detail::GroupCore core_;
 };
+
+namespace detail {
+// What `withThrowingTaskGroup` alone may do with a group: make it and drain it.
+struct TaskGroupAccess {
+  template <class ChildResult>
+  static ThrowingTaskGroup<ChildResult> make(TaskContext& parent) noexcept {
+    return ThrowingTaskGroup<ChildResult>(parent);
+  }
+  template <class ChildResult>
+  static Async<void> drain(ThrowingTaskGroup<ChildResult>& group) {
+    return group.drain();
+  }
+};
+}  // namespace detail
 
 /// Runs `body(group)` (a callable taking `ThrowingTaskGroup<ChildResult>&` and returning an
 /// `Async`) with a new task group and returns what it returns.
@@ -211,7 +232,7 @@ auto withThrowingTaskGroup(Body body)
     -> Async<AsyncResultOf<Body, ThrowingTaskGroup<ChildResult>&>> {
   using R = AsyncResultOf<Body, ThrowingTaskGroup<ChildResult>&>;
   detail::TaskContext& context = co_await detail::ContextAwaiter{};
-  ThrowingTaskGroup<ChildResult> group(context);
+  ThrowingTaskGroup<ChildResult> group = detail::TaskGroupAccess::make<ChildResult>(context);
   std::exception_ptr error;
   std::optional<std::conditional_t<std::is_void_v<R>, bool, R>> value;
   try {
@@ -227,7 +248,7 @@ auto withThrowingTaskGroup(Body body)
     error = std::current_exception();
   }
   if (error) group.cancelAll();
-  auto remaining = group.drain();
+  auto remaining = detail::TaskGroupAccess::drain(group);
   co_await std::move(remaining);
   if (error) std::rethrow_exception(error);
   if constexpr (!std::is_void_v<R>) co_return std::move(*value);

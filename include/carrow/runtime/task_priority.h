@@ -5,8 +5,12 @@
 namespace carrow {
 
 /// The priority a Task is started with. Tasks inherit the priority of the task that starts them
-/// unless one is given. The global executor records it and hands it on; it runs jobs in the order
-/// they were scheduled, so a priority is a hint for clients (and for logs), not a guarantee.
+/// unless one is given, and `Task::priority()` reports it.
+///
+/// No executor of this library acts on it: the global executor, serial executors and actors all
+/// run jobs in the order they were scheduled, whatever their priority. It is carried along for
+/// clients (and for their logs) only. `low` is another name for `utility` and `userInitiated` for
+/// `high`: each pair has one value, so the two compare equal and print alike.
 enum class TaskPriority : std::uint8_t {
   background = 9,
   utility = 17,

@@ -6,7 +6,6 @@
 
 #include <concepts>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -131,10 +130,43 @@ class AnyAsyncIterator {
   std::unique_ptr<ErasedAsyncIterator<Element>> iterator_;
 };
 
+/// A sequence of hidden type behind a virtual iterator maker. Held by `std::shared_ptr<const>`,
+/// so copies of an erased sequence share one wrapped sequence.
+template <class Element, OnError onError>
+class ErasedAsyncSequence {
+ public:
+  virtual ~ErasedAsyncSequence() = default;
+  virtual AnyAsyncIterator<Element, onError> makeIterator() const = 0;
+};
+
+template <class Element, OnError onError, class Sequence>
+class ErasedAsyncSequenceBox final : public ErasedAsyncSequence<Element, onError> {
+ public:
+  explicit ErasedAsyncSequenceBox(Sequence sequence) : sequence_(std::move(sequence)) {}
+
+  AnyAsyncIterator<Element, onError> makeIterator() const override {
+    return AnyAsyncIterator<Element, onError>(makeIteratorOf(sequence_));
+  }
+
+ private:
+  Sequence sequence_;
+};
+
+template <class Element, OnError onError, class Sequence>
+std::shared_ptr<const ErasedAsyncSequence<Element, onError>> boxSequence(Sequence sequence) {
+  return std::make_shared<const ErasedAsyncSequenceBox<Element, onError, Sequence>>(
+      std::move(sequence));
+}
+
 }  // namespace detail
 
 /// A sequence of `Element` of hidden type that never throws: an error of the wrapped sequence ends
-/// the iteration instead. Copies share the wrapped sequence.
+/// the iteration instead.
+///
+/// The value is one shared pointer: wrapping allocates once, and copies share the wrapped
+/// sequence, which is never changed (each iteration works on an iterator of its own, made from a
+/// copy of the sequence when the sequence's `makeAsyncIterator` is not const). Copies may be used
+/// from several tasks at once; a moved-from value may only be assigned to or destroyed.
 template <class Element>
 class AnyAsyncSequence {
  public:
@@ -145,21 +177,18 @@ class AnyAsyncSequence {
   /// Wraps `sequence` (a copy of an erased sequence of the same type is a copy, not a wrapper);
   /// each `makeAsyncIterator()` starts a new iteration of it.
   template <detail::ErasableSequence<Element, AnyAsyncSequence> S>
-  explicit AnyAsyncSequence(S sequence) {
-    auto base = std::make_shared<const S>(std::move(sequence));
-    base_ = base;
-    iteratorBuilder_ = [captured = *base] { return Iterator(detail::makeIteratorOf(captured)); };
-  }
+  explicit AnyAsyncSequence(S sequence)
+      : sequence_(detail::boxSequence<Element, detail::OnError::end>(std::move(sequence))) {}
 
   /// A new, independent iteration of the wrapped sequence.
-  Iterator makeAsyncIterator() const { return iteratorBuilder_(); }
+  Iterator makeAsyncIterator() const { return sequence_->makeIterator(); }
 
  private:
-  std::shared_ptr<const void> base_;  // the wrapped sequence, kept for the life of the value
-  std::function<Iterator()> iteratorBuilder_;
+  std::shared_ptr<const detail::ErasedAsyncSequence<Element, detail::OnError::end>> sequence_;
 };
 
-/// A sequence of `Element` of hidden type whose errors pass through unchanged.
+/// A sequence of `Element` of hidden type whose errors pass through unchanged. Copies share the
+/// wrapped sequence, as those of `AnyAsyncSequence` do.
 template <class Element>
 class AnyAsyncThrowingSequence {
  public:
@@ -171,15 +200,13 @@ class AnyAsyncThrowingSequence {
   /// each `makeAsyncIterator()` starts a new iteration of it.
   template <detail::ErasableSequence<Element, AnyAsyncThrowingSequence> S>
   explicit AnyAsyncThrowingSequence(S sequence)
-      : iteratorBuilder_([captured = std::move(sequence)] {
-          return Iterator(detail::makeIteratorOf(captured));
-        }) {}
+      : sequence_(detail::boxSequence<Element, detail::OnError::rethrow>(std::move(sequence))) {}
 
   /// A new, independent iteration of the wrapped sequence.
-  Iterator makeAsyncIterator() const { return iteratorBuilder_(); }
+  Iterator makeAsyncIterator() const { return sequence_->makeIterator(); }
 
  private:
-  std::function<Iterator()> iteratorBuilder_;
+  std::shared_ptr<const detail::ErasedAsyncSequence<Element, detail::OnError::rethrow>> sequence_;
 };
 
 }  // namespace carrow

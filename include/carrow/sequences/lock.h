@@ -1,23 +1,29 @@
 #pragma once
 
-// The bare lock of the sequence combinators. It is deliberately lower-level than CRUnfairLock: no
-// logging, no recursion check, no object identity. The merge combinator needs to take the lock in
-// one function and release it inside a continuation's body, which a scoped lock cannot express.
+// The lock of the sequence combinators: a copyable handle to one `CRUnfairLock` on the heap.
+//
+// Why not a `CRUnfairLock` member: a combinator's storage and the continuations it hands out share
+// the lock through copies of the handle, and the merge combinator takes the lock in one function
+// and releases it inside a continuation's body, which a scoped guard cannot express. The handle
+// has no destructor, so the storage that creates the lock decides when it goes.
 
+#include <memory>
+#include <mutex>
 #include <utility>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 
 namespace carrow {
 
-/// A handle to one heap-held unfair lock word. Copies share the word. The handle has no
-/// destructor: whoever calls `create()` calls `destroy()` exactly once, after the last use.
+/// A handle to one heap-held `CRUnfairLock`. Copies share the lock. The handle has no destructor:
+/// whoever calls `create()` calls `destroy()` exactly once, after the last use. Not recursive;
+/// any thread may take it, and only the thread that took it may release it.
 class Lock {
  public:
-  using Primitive = platform::os_unfair_lock;
+  using Primitive = CRUnfairLock;
 
-  /// Allocates an unlocked lock word.
-  static Lock create() { return Lock(new Primitive(platform::OS_UNFAIR_LOCK_INIT)); }
+  /// Allocates an unlocked lock.
+  static Lock create() { return Lock(new Primitive()); }
 
   /// Frees the word; this handle and all its copies are unusable afterwards.
   void destroy() noexcept {
@@ -39,21 +45,18 @@ class Lock {
     return withLocked(platformLock_, std::forward<Body>(body));
   }
 
-  /// The same primitives on a raw word, for owners that keep the word inside their own storage.
-  static void initialize(Primitive* word) noexcept { *word = platform::OS_UNFAIR_LOCK_INIT; }
-  /// Nothing to tear down for an unfair lock word; kept so that another mutex could be swapped in.
+  /// The same operations on a lock that its owner keeps inside its own storage.
+  /// Puts `word` in the unlocked state.
+  static void initialize(Primitive* word) noexcept { std::construct_at(word); }
+  /// Nothing to tear down for an unfair lock; kept so that another mutex could be swapped in.
   static void deinitialize(Primitive*) noexcept {}
-  static void lock(Primitive* word) noexcept { platform::os_unfair_lock_lock(word); }
-  static void unlock(Primitive* word) noexcept { platform::os_unfair_lock_unlock(word); }
+  static void lock(Primitive* word) noexcept { word->lock(); }
+  static void unlock(Primitive* word) noexcept { word->unlock(); }
 
   /// Runs `body` with `word` locked; see `locked`.
   template <class Body>
   static decltype(auto) withLocked(Primitive* word, Body&& body) {
-    lock(word);
-    struct Unlocker {
-      Primitive* word;
-      ~Unlocker() { unlock(word); }
-    } unlocker{word};
+    std::lock_guard guard(*word);
     return std::forward<Body>(body)();
   }
 

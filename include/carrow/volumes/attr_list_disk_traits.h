@@ -4,12 +4,14 @@
 #include <string_view>
 #include <vector>
 
+#include <carrow/CRAttrListDisk.h>
 #include <carrow/attributes/option_set.h>
 
 namespace carrow {
 
 /// What kind of volume a description is: its file-system type, mount flags and capabilities,
-/// summarised as bits over 64 bits (the values are fixed: clients store and exchange them).
+/// summarised as bits over 64 bits (the values are fixed: clients store and exchange them). The
+/// bits are those of the C interface (`CRAttrListDiskTraitsApfs`, ...), which defines them once.
 class CRAttrListDiskTraits : public OptionSet<CRAttrListDiskTraits, std::uint64_t> {
  public:
   using OptionSet::OptionSet;
@@ -42,24 +44,32 @@ class CRAttrListDiskTraits : public OptionSet<CRAttrListDiskTraits, std::uint64_
   std::vector<std::string_view> memberNames() const;
 };
 
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::apfs{0x1};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::hfs{0x2};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::afpfs{0x4};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::afcs{0x8};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::exfat{0x10};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::msdos{0x20};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::ntfs{0x40};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::smbfs{0x80};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::rootFileSystem{0x100};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::local{0x200};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::browsable{0x400};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::readOnly{0x800};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::journaled{0x1000};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::snapshot{0x2000};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::ignoresOwnership{0x4000};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::contentProtection{0x8000};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::journalingSupported{0x100000};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::caseSensitive{0x200000};
-inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::volumeGroups{0x400000};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::apfs{CRAttrListDiskTraitsApfs};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::hfs{CRAttrListDiskTraitsHfs};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::afpfs{CRAttrListDiskTraitsAfpfs};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::afcs{CRAttrListDiskTraitsAfcs};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::exfat{CRAttrListDiskTraitsExfat};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::msdos{CRAttrListDiskTraitsMsdos};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::ntfs{CRAttrListDiskTraitsNtfs};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::smbfs{CRAttrListDiskTraitsSmbfs};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::rootFileSystem{
+    CRAttrListDiskTraitsRootFileSystem};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::local{CRAttrListDiskTraitsLocal};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::browsable{
+    CRAttrListDiskTraitsBrowsable};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::readOnly{CRAttrListDiskTraitsReadOnly};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::journaled{
+    CRAttrListDiskTraitsJournaled};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::snapshot{CRAttrListDiskTraitsSnapshot};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::ignoresOwnership{
+    CRAttrListDiskTraitsIgnoresOwnership};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::contentProtection{
+    CRAttrListDiskTraitsContentProtection};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::journalingSupported{
+    CRAttrListDiskTraitsJournalingSupported};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::caseSensitive{
+    CRAttrListDiskTraitsCaseSensitive};
+inline constexpr CRAttrListDiskTraits CRAttrListDiskTraits::volumeGroups{
+    CRAttrListDiskTraitsVolumeGroups};
 
 }  // namespace carrow

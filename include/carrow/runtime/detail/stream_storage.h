@@ -10,46 +10,16 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <utility>
 
+#include <carrow/concurrency/unfair_lock.h>
 #include <carrow/platform/fatal_error.h>
-#include <carrow/platform/unfair_lock.h>
 #include <carrow/runtime/detail/task_context.h>
+#include <carrow/runtime/stream_termination.h>
 
 namespace carrow {
-
-/// How a stream ended, as its termination handler is told.
-class StreamTermination {
- public:
-  enum class Kind { finished, cancelled };
-
-  /// The producer finished the stream, with `error` (null for a normal end).
-  static StreamTermination finished(std::exception_ptr error = nullptr) noexcept {
-    return StreamTermination(Kind::finished, std::move(error));
-  }
-  /// The consumer went away: its iterator (and every copy of the stream) was dropped, or its task
-  /// was cancelled while reading.
-  static StreamTermination cancelled() noexcept { return StreamTermination(Kind::cancelled, {}); }
-
-  Kind kind() const noexcept { return kind_; }
-  bool isCancelled() const noexcept { return kind_ == Kind::cancelled; }
-  /// The error the stream was finished with; null for a normal end or a cancellation.
-  std::exception_ptr error() const noexcept { return error_; }
-
- private:
-  StreamTermination(Kind kind, std::exception_ptr error) noexcept
-      : kind_(kind), error_(std::move(error)) {}
-
-  Kind kind_;
-  std::exception_ptr error_;
-};
-
-/// What became of a yielded element.
-enum class StreamYieldResult {
-  enqueued,    ///< handed to the waiting consumer or buffered for it
-  terminated,  ///< dropped: the stream had already ended
-};
 
 namespace detail {
 
@@ -112,7 +82,7 @@ class StreamStorage {
   StreamYieldResult yield(T value) {
     Awaiter* waiter = nullptr;
     {
-      Locked locked(lock_);
+      std::lock_guard locked(lock_);
       if (terminal_) return StreamYieldResult::terminated;
       if (waiter_ == nullptr) {
         buffer_.push_back(std::move(value));
@@ -134,7 +104,7 @@ class StreamStorage {
     std::function<void(StreamTermination)> handler;
     Awaiter* waiter = nullptr;
     {
-      Locked locked(lock_);
+      std::lock_guard locked(lock_);
       if (terminal_) return;
       terminal_ = true;
       termination_ = StreamTermination::finished(error);
@@ -162,7 +132,7 @@ class StreamStorage {
     std::deque<T> dropped;
     Awaiter* waiter = nullptr;
     {
-      Locked locked(lock_);
+      std::lock_guard locked(lock_);
       if (consumerGone_) return;
       consumerGone_ = true;
       gone_.store(true, std::memory_order_release);
@@ -182,7 +152,7 @@ class StreamStorage {
   void setOnTermination(std::function<void(StreamTermination)> handler) {
     std::optional<StreamTermination> ended;
     {
-      Locked locked(lock_);
+      std::lock_guard locked(lock_);
       if (!terminal_) {
         std::swap(onTermination_, handler);  // a replaced handler is destroyed unlocked, unrun
       } else {
@@ -208,7 +178,7 @@ class StreamStorage {
       batch_.pop_front();
       return true;
     }
-    Locked locked(lock_);
+    std::lock_guard locked(lock_);
     return takeLocked(awaiter);
   }
 
@@ -224,7 +194,7 @@ class StreamStorage {
     }
     awaiter.registered_ = true;
     try {
-      Locked locked(lock_);
+      std::lock_guard locked(lock_);
       if (!takeLocked(awaiter)) {
         if (waiter_ != nullptr) {
           fatalError("CarrowPrivate/AsyncStream", __LINE__,
@@ -244,14 +214,6 @@ class StreamStorage {
   }
 
  private:
-  struct Locked {
-    explicit Locked(platform::os_unfair_lock& lock) noexcept : lock(lock) {
-      platform::os_unfair_lock_lock(&lock);
-    }
-    ~Locked() { platform::os_unfair_lock_unlock(&lock); }
-    platform::os_unfair_lock& lock;
-  };
-
   // Called by the consumer, whose batch is empty here.
   bool takeLocked(Awaiter& awaiter) {
     if (consumerGone_) return true;
@@ -268,7 +230,7 @@ class StreamStorage {
     return true;
   }
 
-  platform::os_unfair_lock lock_{};
+  CRUnfairLock lock_;
   std::deque<T> buffer_;           // yielded, not yet taken over by the consumer
   std::deque<T> batch_;            // taken over; touched by the consumer only, without the lock
   std::atomic<bool> gone_{false};  // consumerGone_, readable without the lock

@@ -9,8 +9,9 @@
 #include <coroutine>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
-#include <carrow/platform/unfair_lock.h>
+#include <carrow/concurrency/unfair_lock.h>
 #include <carrow/runtime/executor.h>
 #include <carrow/runtime/task_priority.h>
 
@@ -114,7 +115,7 @@ class TaskContext {
 
   std::atomic<std::uint32_t> references_{1};
   std::atomic<std::uint32_t> flags_{0};
-  platform::os_unfair_lock recordsLock_{};
+  CRUnfairLock recordsLock_;
   CancellationRecord* records_ = nullptr;
   ResumeJob job_{*this};
 };

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace carrow {
+namespace carrow::detail {
 
 /// A first-come, first-served lock whose place in line is drawn separately from the wait.
 ///
@@ -15,6 +15,10 @@ class TicketLock {
  public:
   /// Draws the next place in line. Callers serialise drawing themselves (the table lock does).
   std::uint64_t draw() noexcept { return nextTicket_++; }
+
+  /// True when a place after `ticket` has been drawn. Callers read it under the lock that
+  /// serialises `draw`.
+  bool hasDrawnAfter(std::uint64_t ticket) const noexcept { return nextTicket_ != ticket + 1; }
 
   /// Blocks until `ticket` is served.
   void wait(std::uint64_t ticket) noexcept {
@@ -38,4 +42,4 @@ class TicketLock {
   std::atomic<std::uint64_t> nowServing_{0};
 };
 
-}  // namespace carrow
+}  // namespace carrow::detail
