@@ -24,7 +24,7 @@ template <class Closure>
 Async<std::invoke_result_t<Closure&>> awaitAsync(platform::DispatchQueue& queue, Closure closure) {
   using T = std::invoke_result_t<Closure&>;
   static constexpr std::string_view kName = "awaitAsync(_:)";
-  auto submit = [&queue, &closure](CheckedContinuation<T> continuation) {
+  auto submit = [&queue, &closure](auto continuation) {
     queue.async([closure = std::move(closure), continuation = std::move(continuation)]() mutable {
       if constexpr (std::is_nothrow_invocable_v<Closure&>) {
         if constexpr (std::is_void_v<T>) {
