@@ -64,7 +64,10 @@ struct XPCConnection::Core {
   void sendLocked(const std::vector<std::uint8_t>& message);
   void flushLocked();
   void closeSocketLocked();
-  void failPendingLocked(const std::exception_ptr& error);
+  // Queues `handler`, then the failure of every pending call with `error`, then the release of
+  // `dropped`, on the serial executor.
+  void endLocked(std::function<void()> handler, const std::exception_ptr& error,
+                 std::shared_ptr<XPCExportedObject> dropped);
   void interruptLocked();
   void invalidateLocked(const std::exception_ptr& error);
 

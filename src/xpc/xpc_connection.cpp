@@ -151,6 +151,12 @@ std::shared_ptr<XPCRemoteObjectProxy> XPCConnection::remoteObjectProxy() {
   return std::make_shared<XPCRemoteObjectProxy>(shared_from_this(), protocol);
 }
 
+std::optional<XPCInterface> XPCConnection::remoteObjectInterface() const {
+  std::lock_guard guard(core_->mutex);
+  if (!core_->remote) return std::nullopt;
+  return *core_->remote;
+}
+
 std::optional<PeerCredentials> XPCConnection::peerCredentials() const {
   std::lock_guard guard(core_->mutex);
   return core_->peer;
@@ -212,19 +218,30 @@ void XPCConnection::Core::startCall(XPCConnection& self, CallState& call, std::s
     continuation.resumeThrowing(posixError(ENOTCONN, "XPC connection not resumed"));
     return;
   }
+  // Registered first: if connecting ends the connection, the call fails with the others, after
+  // the handler has run.
+  call.id = id;
+  pending.emplace(id, Pending{selector, continuation, 0});
   try {
     ensureConnectedLocked(self);
-  } catch (...) {
-    continuation.resumeThrowing(std::current_exception());
-    return;
-  }
-  call.id = id;
-  pending.emplace(id, Pending{std::move(selector), continuation, generation});
-  try {
+    pending.at(id).generation = generation;
     sendLocked(message);
+  } catch (const std::system_error& error) {
+    // A peer that has just closed: the reading side learns why (a reject, or the end) and ends
+    // the call with the connection.
+    const int code = error.code().value();
+    if ((code == EPIPE || code == ECONNRESET) && socket) return;
+    auto found = pending.find(id);
+    if (found != pending.end()) {
+      pending.erase(found);
+      continuation.resumeThrowing(std::current_exception());
+    }
   } catch (...) {
-    pending.erase(id);
-    continuation.resumeThrowing(std::current_exception());
+    auto found = pending.find(id);
+    if (found != pending.end()) {
+      pending.erase(found);
+      continuation.resumeThrowing(std::current_exception());
+    }
   }
 }
 
@@ -303,22 +320,44 @@ void XPCConnection::Core::flushLocked() {
 void XPCConnection::Core::closeSocketLocked() {
   if (!socket) return;
   platform::Reactor::shared().remove(socket->token, socket->fd());
+  // Closing a Unix socket with unread messages makes the peer's next read fail with ECONNRESET
+  // before it has read what was sent to it (a reject, the last replies): read them away first.
+  std::vector<std::uint8_t> discarded;
+  for (int count = 0; count < 1024; ++count) {
+    try {
+      if (platform::receiveMessage(socket->fd(), discarded) != platform::ReceiveOutcome::message) {
+        break;
+      }
+    } catch (const std::system_error&) {
+      // An oversized message is discarded all the same.
+    }
+  }
   socket->detach();
   socket.reset();
   sendQueue.clear();
 }
 
-void XPCConnection::Core::failPendingLocked(const std::exception_ptr& error) {
-  auto taken = std::move(pending);
+void XPCConnection::Core::endLocked(std::function<void()> handler, const std::exception_ptr& error,
+                                    std::shared_ptr<XPCExportedObject> dropped) {
+  // The handler runs first, then the pending calls fail: a caller that learns of the end from a
+  // handler (as `withProxy` does) hears of it before the failed call.
+  auto taken = std::make_shared<std::unordered_map<std::uint64_t, Pending>>(std::move(pending));
   pending.clear();
-  for (auto& [id, call] : taken) call.continuation.resumeThrowing(error);
+  queue->post([handler = std::move(handler), taken, error, dropped = std::move(dropped)]() mutable {
+    if (handler) handler();
+    handler = nullptr;
+    for (auto& [id, call] : *taken) call.continuation.resumeThrowing(error);
+    taken->clear();
+    // The exported object and the handlers may refer back to the connection: they go here, on
+    // the serial executor, never under the connection's lock.
+    dropped.reset();
+  });
 }
 
 void XPCConnection::Core::interruptLocked() {
   if (!socket || phase == Phase::invalidated) return;
   closeSocketLocked();
-  failPendingLocked(posixError(ECONNRESET, "XPC connection interrupted"));
-  if (auto handler = interruptionHandler) queue->post(std::move(handler));
+  endLocked(interruptionHandler, posixError(ECONNRESET, "XPC connection interrupted"), nullptr);
   // An accepted connection cannot be made again: it ends here.
   if (accepted) invalidateLocked(posixError(ECONNABORTED, "XPC connection invalidated"));
 }
@@ -327,17 +366,10 @@ void XPCConnection::Core::invalidateLocked(const std::exception_ptr& error) {
   if (phase == Phase::invalidated) return;
   phase = Phase::invalidated;
   closeSocketLocked();
-  failPendingLocked(error);
   auto handler = std::exchange(invalidationHandler, nullptr);
   interruptionHandler = nullptr;
-  // The exported object and the handlers may refer back to the connection: drop them now, on
-  // the serial executor, so that neither they nor their destructors run under this lock.
-  auto exportedObjectDropped = std::move(exportedObject);
-  queue->post([handler = std::move(handler), dropped = std::move(exportedObjectDropped)]() mutable {
-    if (handler) handler();
-    handler = nullptr;
-    dropped.reset();
-  });
+  endLocked(std::move(handler), error, std::move(exportedObject));
+  exportedObject = nullptr;
 }
 
 // ---- Received messages (reactor thread) ----

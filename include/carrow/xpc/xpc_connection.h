@@ -85,6 +85,9 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   /// inline, so it may be called from a handler or an exported method.
   void invalidate();
 
+  /// The remote object interface set, if any (a copy).
+  std::optional<XPCInterface> remoteObjectInterface() const;
+
   /// A proxy for calls to the remote object (see `proxyFromConnection` for a typed one).
   std::shared_ptr<XPCRemoteObjectProxy> remoteObjectProxy();
 
