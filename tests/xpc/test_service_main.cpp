@@ -33,15 +33,15 @@ int main(int argc, char** argv) {
     if (argc >= 2 && std::strcmp(argv[1], "--activated") == 0) {
       listener = carrow::XPCListener::fromSocketActivation();
     } else if (argc >= 3) {
-      listener = carrow::XPCListener::make(argv[2], argv[1]);
       if (argc >= 5 && std::strcmp(argv[3], "--uid") == 0) {
-        // The socket is made; from now on the service runs as another user.
+        // Given up before listening: the kernel records the listener's credentials then.
         const auto uid = static_cast<uid_t>(std::strtoul(argv[4], nullptr, 10));
         if (::setgid(uid) != 0 || ::setuid(uid) != 0) {
           std::perror("setuid");
           return 1;
         }
       }
+      listener = carrow::XPCListener::make(argv[2], argv[1]);
     } else {
       std::fprintf(stderr, "usage: xpc_test_service DIR NAME [--uid N] | --activated\n");
       return 2;
