@@ -24,9 +24,6 @@ struct Label {
 void from_json(const nlohmann::json& json, Label& label) {
   label.text = json.get<std::string>();
 }
-void to_json(nlohmann::json& json, const Label& label) {
-  json = label.text;
-}
 
 struct Echo : XPCMethod<"echo:", std::string(std::string)> {};
 struct Store
