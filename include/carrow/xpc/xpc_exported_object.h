@@ -71,9 +71,9 @@ class ExportedObject final : public XPCExportedObject {
                                       std::vector<XPCValue> arguments) override {
     std::optional<Async<std::vector<XPCValue>>> work;
     auto pick = [&]<class... Methods>(std::tuple<Methods...>*) {
-      ((Methods::selector == selector
-        && (work.emplace(invokeMethod<Methods>(object_, std::move(arguments))), true))
-       || ...);
+      (void)((Methods::selector == selector
+              && (work.emplace(invokeMethod<Methods>(object_, std::move(arguments))), true))
+             || ...);
     };
     pick(static_cast<typename P::MethodTypes*>(nullptr));
     if (!work) return unknownMethod();
