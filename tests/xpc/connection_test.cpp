@@ -1,6 +1,9 @@
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -299,12 +302,14 @@ TEST_F(XPCConnectionTest, WithProxyReturnsTheBodysValueOrErrorAndEndsTheConnecti
 TEST_F(XPCConnectionTest, WithProxyThrowsCancellationWhenTheServiceGoesAway) {
   auto service = std::make_unique<InProcessService>(folder_.path(), "test");
   auto bodyCancelled = std::make_shared<std::atomic<bool>>(false);
-  auto call = Task<std::string>::start([bodyCancelled]() -> Async<std::string> {
-    auto body = [bodyCancelled](Proxy proxy) -> Async<std::string> {
+  auto bodyEnded = std::make_shared<std::atomic<bool>>(false);
+  auto call = Task<std::string>::start([bodyCancelled, bodyEnded]() -> Async<std::string> {
+    auto body = [bodyCancelled, bodyEnded](Proxy proxy) -> Async<std::string> {
       try {
         co_await proxy.call(SleepFor{}, 30.0);
       } catch (...) {
         bodyCancelled->store(isCancelled());
+        bodyEnded->store(true);
         throw;
       }
       co_return "slept";
@@ -326,6 +331,59 @@ TEST_F(XPCConnectionTest, WithProxyThrowsCancellationWhenTheServiceGoesAway) {
     }
   });
   EXPECT_TRUE(cancelled);
+  ASSERT_TRUE(waitUntil([&] { return bodyEnded->load(); }));
+  EXPECT_TRUE(bodyCancelled->load());
+}
+
+TEST_F(XPCConnectionTest, ConfigureRoutesTheClientsDisappearanceToTheTaskGroup) {
+  InProcessService service(folder_.path(), "test", /*configured=*/true);
+  auto connection = connect();
+  Proxy proxy = proxyFromConnection<TestConnection>(connection);
+  const auto cancelledBefore = TestEndpoint::cancelled_->load();
+  auto call =
+      Task<void>::start([proxy]() -> Async<void> { co_await proxy.call(SleepFor{}, 30.0); });
+  ASSERT_TRUE(waitUntil([&] {
+    auto endpoints = service.endpoints();
+    auto endpoint = endpoints.empty() ? nullptr : endpoints[0].lock();
+    return endpoint && !endpoint->taskGroup()->registeredTaskNumbers().empty();
+  }));
+  connection->invalidate();  // the service sees its client go
+  EXPECT_TRUE(waitUntil([&] { return TestEndpoint::cancelled_->load() == cancelledBefore + 1; }));
+  EXPECT_TRUE(waitUntil([&] {
+    return !logger_->recordsContaining("Cancelling 1 tasks due to connection interruption.")
+                .empty();
+  }));
+  EXPECT_FALSE(logger_->recordsContaining("XPC Connection, Interrupted").empty());
+  EXPECT_TRUE(waitUntil([&] { return service.endpoints()[0].expired(); }));
+}
+
+TEST_F(XPCConnectionTest, AMalformedMessageEndsOnlyItsOwnConnection) {
+  InProcessService service(folder_.path(), "test");
+  auto good = connect();
+  Proxy proxy = proxyFromConnection<TestConnection>(good);
+  ASSERT_EQ(runMain([proxy]() -> Async<std::string> {
+              co_return co_await proxy.call(Echo{}, std::string("before"));
+            }),
+            "before");
+  // A peer that sends 200000 nested arrays.
+  const int raw = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = folder_.path() + "/test.sock";
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  ASSERT_EQ(::connect(raw, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  std::vector<std::uint8_t> deep(200000, 0x81);
+  deep.push_back(0x80);
+  ASSERT_GT(::send(raw, deep.data(), deep.size(), MSG_NOSIGNAL), 0);
+  char byte = 0;
+  EXPECT_EQ(::recv(raw, &byte, 1, 0), 0);  // the service closed that connection
+  ::close(raw);
+  EXPECT_FALSE(logger_->recordsContaining("Malformed XPC message").empty());
+  EXPECT_EQ(runMain([proxy]() -> Async<std::string> {
+              co_return co_await proxy.call(Echo{}, std::string("after"));
+            }),
+            "after");
+  good->invalidate();
 }
 
 }  // namespace

@@ -61,16 +61,26 @@ class TemporaryFolder {
 /// A test service in this process; it keeps the connections it accepted.
 class InProcessService {
  public:
-  InProcessService(const std::string& directory, const std::string& name) {
+  /// `configured`: set up each connection with `configure` (declared classes only) instead of
+  /// the test interface, whose `take:` admits only Safe.
+  InProcessService(const std::string& directory, const std::string& name, bool configured = false) {
     listener_ = XPCListener::make(name, directory);
-    listener_->setNewConnectionHandler([this](std::shared_ptr<XPCConnection> connection) {
-      // Held while the connection starts, so that whoever reads the lists after a reply sees it.
-      std::lock_guard guard(mutex_);
-      auto endpoint = serveTestProtocol(connection);
-      connections_.push_back(connection);
-      endpoints_.push_back(endpoint);
-      return true;
-    });
+    listener_->setNewConnectionHandler(
+        [this, configured](std::shared_ptr<XPCConnection> connection) {
+          // Held while the connection starts, so that whoever reads the lists after a reply sees
+          // it.
+          std::lock_guard guard(mutex_);
+          std::shared_ptr<TestEndpoint> endpoint;
+          if (configured) {
+            endpoint = std::make_shared<TestEndpoint>(connection.get());
+            configure(connection, endpoint, TestProtocol{});
+          } else {
+            endpoint = serveTestProtocol(connection);
+          }
+          connections_.push_back(connection);
+          endpoints_.push_back(endpoint);
+          return true;
+        });
     listener_->resume();
   }
   ~InProcessService() {
