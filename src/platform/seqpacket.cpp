@@ -147,8 +147,9 @@ SendOutcome sendMessage(int fd, std::span<const std::uint8_t> message) {
   }
 }
 
-ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer) {
-  buffer.resize(kMaxSeqpacketMessage);
+ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer, std::size_t& length) {
+  if (buffer.size() < kMaxSeqpacketMessage) buffer.resize(kMaxSeqpacketMessage);
+  length = 0;
   for (;;) {
     iovec vector{buffer.data(), buffer.size()};
     msghdr header{};
@@ -160,7 +161,7 @@ ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer) {
         throwErrno(EMSGSIZE, "a received message is over the limit of "
                                  + std::to_string(kMaxSeqpacketMessage) + " bytes");
       }
-      buffer.resize(static_cast<std::size_t>(received));
+      length = static_cast<std::size_t>(received);
       return ReceiveOutcome::message;
     }
     if (received == 0) return ReceiveOutcome::closed;

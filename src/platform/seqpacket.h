@@ -67,9 +67,11 @@ SendOutcome sendMessage(int fd, std::span<const std::uint8_t> message);
 
 enum class ReceiveOutcome { message, wouldBlock, closed };
 
-/// Receives one whole message into `buffer` (resized to it) without blocking. A message larger
-/// than the limit is reported as EMSGSIZE (the kernel's MSG_TRUNC); ECONNRESET counts as closed.
-ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer);
+/// Receives one whole message without blocking into the first `length` bytes of `buffer`, which
+/// is sized to the limit once and keeps that size (so that no message pays for clearing it). A
+/// message larger than the limit is reported as EMSGSIZE (the kernel's MSG_TRUNC); ECONNRESET
+/// counts as closed.
+ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer, std::size_t& length);
 
 /// The sequenced-packet listening sockets passed by a socket-activating service manager
 /// (LISTEN_PID is this process, LISTEN_FDS counts them from descriptor 3). Each is made

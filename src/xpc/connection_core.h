@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -73,7 +74,7 @@ struct XPCConnection::Core {
 
   void handleEvents(XPCConnection& self, Socket& source, std::uint32_t events);
   // False when the connection ended and reading must stop.
-  bool handleMessage(XPCConnection& self, Socket& source, const std::vector<std::uint8_t>& bytes);
+  bool handleMessage(XPCConnection& self, Socket& source, std::span<const std::uint8_t> bytes);
   void protocolError(Socket& source, const std::string& problem);
   bool protocolErrorLocked(const std::string& problem);
   bool greetLocked(const detail::xpc::Frame& hello);

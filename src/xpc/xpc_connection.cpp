@@ -322,10 +322,13 @@ void XPCConnection::Core::closeSocketLocked() {
   platform::Reactor::shared().remove(socket->token, socket->fd());
   // Closing a Unix socket with unread messages makes the peer's next read fail with ECONNRESET
   // before it has read what was sent to it (a reject, the last replies): read them away first.
+  // Not the socket's own buffer: the reactor thread may be reading into that one right now.
   std::vector<std::uint8_t> discarded;
+  std::size_t length = 0;
   for (int count = 0; count < 1024; ++count) {
     try {
-      if (platform::receiveMessage(socket->fd(), discarded) != platform::ReceiveOutcome::message) {
+      if (platform::receiveMessage(socket->fd(), discarded, length)
+          != platform::ReceiveOutcome::message) {
         break;
       }
     } catch (const std::system_error&) {
@@ -391,8 +394,9 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
   if (events & (EPOLLIN | EPOLLHUP | EPOLLRDHUP | EPOLLERR)) {
     for (int count = 0; count < kMessagesPerWake; ++count) {
       platform::ReceiveOutcome outcome;
+      std::size_t length = 0;
       try {
-        outcome = platform::receiveMessage(source.fd(), source.buffer);
+        outcome = platform::receiveMessage(source.fd(), source.buffer, length);
       } catch (const std::system_error& error) {
         protocolError(source, std::string("Unreadable XPC message: ") + error.what());
         return;
@@ -402,7 +406,7 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
         closed = true;
         break;
       }
-      if (!handleMessage(self, source, source.buffer)) return;
+      if (!handleMessage(self, source, std::span(source.buffer.data(), length))) return;
     }
   }
   if (closed) {
@@ -419,7 +423,7 @@ void XPCConnection::Core::protocolError(Socket& source, const std::string& probl
 }
 
 bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
-                                        const std::vector<std::uint8_t>& bytes) {
+                                        std::span<const std::uint8_t> bytes) {
   xpc::FrameContext context;
   // The interfaces are kept alive by these copies while the pass runs.
   std::shared_ptr<const XPCInterface> exportedCopy, remoteCopy;

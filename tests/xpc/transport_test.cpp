@@ -74,12 +74,14 @@ TEST(Transport, AMessageOfTheLimitGoesThroughAndALargerOneIsRefusedBeforeSending
   const std::vector<std::uint8_t> largest(kMaxSeqpacketMessage, 0x5A);
   ASSERT_EQ(sendMessage(sender.get(), largest), SendOutcome::sent);
   std::vector<std::uint8_t> buffer;
-  ASSERT_EQ(receiveMessage(receiver.get(), buffer), ReceiveOutcome::message);
-  EXPECT_EQ(buffer, largest);
+  std::size_t length = 0;
+  ASSERT_EQ(receiveMessage(receiver.get(), buffer, length), ReceiveOutcome::message);
+  ASSERT_EQ(length, largest.size());
+  EXPECT_EQ(std::vector<std::uint8_t>(buffer.begin(), buffer.begin() + length), largest);
 
   const std::vector<std::uint8_t> tooLarge(kMaxSeqpacketMessage + 1, 0x5A);
   EXPECT_EQ(errnoOf([&] { sendMessage(sender.get(), tooLarge); }), EMSGSIZE);
-  EXPECT_EQ(receiveMessage(receiver.get(), buffer), ReceiveOutcome::wouldBlock);
+  EXPECT_EQ(receiveMessage(receiver.get(), buffer, length), ReceiveOutcome::wouldBlock);
 }
 
 TEST(Transport, AReceivedMessageOverTheLimitIsAnErrorNotATruncation) {
@@ -88,15 +90,21 @@ TEST(Transport, AReceivedMessageOverTheLimitIsAnErrorNotATruncation) {
   ASSERT_EQ(::send(sender.get(), tooLarge.data(), tooLarge.size(), MSG_NOSIGNAL),
             static_cast<ssize_t>(tooLarge.size()));
   std::vector<std::uint8_t> buffer;
-  EXPECT_EQ(errnoOf([&] { receiveMessage(receiver.get(), buffer); }), EMSGSIZE);
+  std::size_t length = 0;
+  EXPECT_EQ(errnoOf([&] { receiveMessage(receiver.get(), buffer, length); }), EMSGSIZE);
 }
 
 TEST(Transport, ReceivingReportsTheEndOfThePeer) {
   auto [mine, theirs] = connectedPair();
   std::vector<std::uint8_t> buffer;
-  EXPECT_EQ(receiveMessage(mine.get(), buffer), ReceiveOutcome::wouldBlock);
+  std::size_t length = 0;
+  EXPECT_EQ(receiveMessage(mine.get(), buffer, length), ReceiveOutcome::wouldBlock);
+  const std::vector<std::uint8_t> last = {1, 2, 3};
+  ASSERT_EQ(sendMessage(theirs.get(), last), SendOutcome::sent);
   theirs = FileDescriptor();
-  EXPECT_EQ(receiveMessage(mine.get(), buffer), ReceiveOutcome::closed);
+  ASSERT_EQ(receiveMessage(mine.get(), buffer, length), ReceiveOutcome::message);
+  EXPECT_EQ(length, 3u);  // what was sent before the end is read first
+  EXPECT_EQ(receiveMessage(mine.get(), buffer, length), ReceiveOutcome::closed);
 }
 
 TEST(Transport, AStaleSocketFileIsReplacedAndALiveOneIsNot) {
