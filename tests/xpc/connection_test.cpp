@@ -218,6 +218,23 @@ TEST_F(XPCConnectionTest, CancellingTheCallerEndsTheCallAndCancelsTheServingTask
   connection->invalidate();
 }
 
+TEST(XPCConnectionKindTest, NamesAreFileNamesInTheServiceFolder) {
+  const auto privileged = XPCConnectionKind::privilegedMachService("com.example.svc", "/tmp/x");
+  EXPECT_EQ(privileged.socketPath(), "/tmp/x/com.example.svc.sock");
+  EXPECT_EQ(privileged.requiredPeerUID(), 0u);
+  EXPECT_TRUE(privileged.isPrivileged());
+  const auto user = XPCConnectionKind::userService("svc", "/tmp/x");
+  EXPECT_EQ(user.requiredPeerUID(), ::geteuid());
+  EXPECT_FALSE(user.isPrivileged());
+  for (const char* bad : {"", ".", "..", "a/b", "../etc"}) {
+    EXPECT_THROW(XPCConnectionKind::userService(bad, "/tmp/x"), std::invalid_argument) << bad;
+  }
+  ::setenv("CARROW_XPC_SERVICE_DIR", "/tmp/elsewhere", 1);
+  EXPECT_EQ(XPCConnectionKind::privilegedMachService("svc").directory(), "/tmp/elsewhere");
+  ::unsetenv("CARROW_XPC_SERVICE_DIR");
+  EXPECT_EQ(XPCConnectionKind::privilegedMachService("svc").directory(), "/run/carrow");
+}
+
 struct WrongProxyConnection {
   using ProxyProtocol = ImpostorProtocol;
   using Kind = XPCConnectionKind;

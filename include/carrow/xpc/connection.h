@@ -19,6 +19,7 @@
 //   };
 //   Volumes volumes = co_await carrow::withProxy<VolumeServiceConnection>(body);
 
+#include <cerrno>
 #include <concepts>
 #include <exception>
 #include <memory>
