@@ -34,6 +34,7 @@
 
 #include <carrow/runtime/async_throwing_stream.h>
 #include <carrow/runtime/cancellation_error.h>
+#include <carrow/runtime/result.h>
 #include <carrow/runtime/task.h>
 #include <carrow/xpc/argument_expectation.h>
 #include <carrow/xpc/xpc_connection.h>
@@ -113,7 +114,11 @@ XPCProxy<typename C::ProxyProtocol> proxyFromConnection(
 template <Connection C, class Body>
 Async<AsyncResultOf<Body, XPCProxy<typename C::ProxyProtocol>>> withProxy(Body body) {
   using T = AsyncResultOf<Body, XPCProxy<typename C::ProxyProtocol>>;
-  using Element = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
+  using Value = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
+  // The body's error travels as an element rather than as the stream's end, so that the stream
+  // (which the connection's handlers may release on another thread) never holds the exception
+  // the caller is handed: it ends the stream all the same, as the first element wins.
+  using Element = Result<Value>;
   auto connection = makeConnection<C>();
   std::optional<XPCProxy<typename C::ProxyProtocol>> proxy;
   try {
@@ -125,19 +130,21 @@ Async<AsyncResultOf<Body, XPCProxy<typename C::ProxyProtocol>>> withProxy(Body b
   auto pair = AsyncThrowingStream<Element>::makeStream();
   auto continuation = pair.continuation;
   auto run = [body = std::move(body), proxy = *proxy, continuation]() -> Async<void> {
+    std::optional<Element> outcome;
     try {
       if constexpr (std::is_void_v<T>) {
         auto work = body(proxy);
         co_await std::move(work);
-        continuation.yield(std::monostate{});
+        outcome.emplace(Element::success(std::monostate{}));
       } else {
         auto work = body(proxy);
         T value = co_await std::move(work);
-        continuation.yield(std::move(value));
+        outcome.emplace(Element::success(std::move(value)));
       }
     } catch (...) {
-      continuation.finish(std::current_exception());
+      outcome.emplace(Element::failure(std::current_exception()));
     }
+    continuation.yield(std::move(*outcome));
   };
   Task<void> task = Task<void>::start(std::move(run));
   auto endStream = [continuation] { continuation.finishThrowing(CancellationError()); };
@@ -147,17 +154,20 @@ Async<AsyncResultOf<Body, XPCProxy<typename C::ProxyProtocol>>> withProxy(Body b
   continuation.setOnTermination(cancelBody);
 
   std::optional<Element> element;
-  std::exception_ptr error;
+  bool ended = false;
   auto iterator = pair.stream.makeAsyncIterator();
   try {
     element = co_await iterator.next();
-  } catch (...) {
-    error = std::current_exception();
+  } catch (const CancellationError&) {
+    ended = true;
   }
   connection->invalidate();
-  if (error) std::rethrow_exception(error);
-  if (!element) throw CancellationError();
-  if constexpr (!std::is_void_v<T>) co_return std::move(*element);
+  if (ended || !element) throw CancellationError();
+  if constexpr (std::is_void_v<T>) {
+    element->get();
+  } else {
+    co_return std::move(*element).get();
+  }
 }
 
 }  // namespace carrow
