@@ -65,12 +65,13 @@ struct XPCConnection::Core {
   void sendLocked(const std::vector<std::uint8_t>& message);
   void flushLocked();
   void closeSocketLocked();
-  // Queues `handler`, then the failure of every pending call with `error`, then the release of
-  // `dropped`, on the serial executor.
-  void endLocked(std::function<void()> handler, const std::exception_ptr& error,
+  // Queues `handler`, then the failure of every pending call (a std::system_error of `code`
+  // each), then the release of `dropped`, on the serial executor.
+  void endLocked(std::function<void()> handler, int code, std::string what,
                  std::shared_ptr<XPCExportedObject> dropped);
   void interruptLocked();
-  void invalidateLocked(const std::exception_ptr& error);
+  // Ends the connection for good; pending calls fail with std::system_error(code, what).
+  void invalidateLocked(int code, const std::string& what);
 
   void handleEvents(XPCConnection& self, Socket& source, std::uint32_t events);
   // False when the connection ended and reading must stop.

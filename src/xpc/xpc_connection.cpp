@@ -132,14 +132,14 @@ void XPCConnection::resume() {
           platform::Reactor::shared().add(core_->socket->fd(), core_->socket, kReadEvents);
     } catch (const std::exception& error) {
       CRLog::error("XPC", std::string("Couldn't watch an accepted connection: ") + error.what());
-      core_->invalidateLocked(posixError(ECONNABORTED, "XPC connection invalidated"));
+      core_->invalidateLocked(ECONNABORTED, "XPC connection invalidated");
     }
   }
 }
 
 void XPCConnection::invalidate() {
   std::lock_guard guard(core_->mutex);
-  core_->invalidateLocked(posixError(ECONNABORTED, "XPC connection invalidated"));
+  core_->invalidateLocked(ECONNABORTED, "XPC connection invalidated");
 }
 
 std::shared_ptr<XPCRemoteObjectProxy> XPCConnection::remoteObjectProxy() {
@@ -272,7 +272,7 @@ void XPCConnection::Core::ensureConnectedLocked(XPCConnection& self) {
   } catch (const std::system_error& error) {
     // No such service at the first connection is final; after an interruption the service may
     // be restarting, so only this call fails.
-    if (!everConnected) invalidateLocked(posixError(error.code().value(), error.what()));
+    if (!everConnected) invalidateLocked(error.code().value(), "no service " + kind.name());
     throw;
   }
   const auto seen = platform::peerOf(fd.get());
@@ -282,7 +282,7 @@ void XPCConnection::Core::ensureConnectedLocked(XPCConnection& self) {
                              + std::to_string(credentials.uid) + ", not "
                              + std::to_string(kind.requiredPeerUID());
     CRLog::error("XPC", "Refused XPC connection: " + what);
-    invalidateLocked(posixError(EPERM, what));
+    invalidateLocked(EPERM, what);
     throw std::system_error(EPERM, std::generic_category(), what);
   }
   auto watcher = std::make_shared<Socket>(std::move(fd), self.shared_from_this());
@@ -340,16 +340,18 @@ void XPCConnection::Core::closeSocketLocked() {
   sendQueue.clear();
 }
 
-void XPCConnection::Core::endLocked(std::function<void()> handler, const std::exception_ptr& error,
+void XPCConnection::Core::endLocked(std::function<void()> handler, int code, std::string what,
                                     std::shared_ptr<XPCExportedObject> dropped) {
   // The handler runs first, then the pending calls fail: a caller that learns of the end from a
   // handler (as `withProxy` does) hears of it before the failed call.
   auto taken = std::make_shared<std::unordered_map<std::uint64_t, Pending>>(std::move(pending));
   pending.clear();
-  queue->post([handler = std::move(handler), taken, error, dropped = std::move(dropped)]() mutable {
+  queue->post([handler = std::move(handler), taken, code, what = std::move(what),
+               dropped = std::move(dropped)]() mutable {
     if (handler) handler();
     handler = nullptr;
-    for (auto& [id, call] : *taken) call.continuation.resumeThrowing(error);
+    // One exception per call: the callers run on several threads and each ends its own.
+    for (auto& [id, call] : *taken) call.continuation.resumeThrowing(posixError(code, what));
     taken->clear();
     // The exported object and the handlers may refer back to the connection: they go here, on
     // the serial executor, never under the connection's lock.
@@ -360,18 +362,18 @@ void XPCConnection::Core::endLocked(std::function<void()> handler, const std::ex
 void XPCConnection::Core::interruptLocked() {
   if (!socket || phase == Phase::invalidated) return;
   closeSocketLocked();
-  endLocked(interruptionHandler, posixError(ECONNRESET, "XPC connection interrupted"), nullptr);
+  endLocked(interruptionHandler, ECONNRESET, "XPC connection interrupted", nullptr);
   // An accepted connection cannot be made again: it ends here.
-  if (accepted) invalidateLocked(posixError(ECONNABORTED, "XPC connection invalidated"));
+  if (accepted) invalidateLocked(ECONNABORTED, "XPC connection invalidated");
 }
 
-void XPCConnection::Core::invalidateLocked(const std::exception_ptr& error) {
+void XPCConnection::Core::invalidateLocked(int code, const std::string& what) {
   if (phase == Phase::invalidated) return;
   phase = Phase::invalidated;
   closeSocketLocked();
   auto handler = std::exchange(invalidationHandler, nullptr);
   interruptionHandler = nullptr;
-  endLocked(std::move(handler), error, std::move(exportedObject));
+  endLocked(std::move(handler), code, what, std::move(exportedObject));
   exportedObject = nullptr;
 }
 
@@ -419,7 +421,7 @@ void XPCConnection::Core::protocolError(Socket& source, const std::string& probl
   CRLog::error("XPC", problem);
   std::lock_guard guard(mutex);
   if (socket.get() != &source) return;
-  invalidateLocked(posixError(EBADMSG, problem));
+  invalidateLocked(EBADMSG, problem);
 }
 
 bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
@@ -480,7 +482,7 @@ bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
       const std::string what = "the service " + kind.name() + " does not export the protocol "
                                + (remote ? remote->protocol().name : std::string("(none)"));
       CRLog::error("XPC", "Refused XPC connection: " + what);
-      invalidateLocked(posixError(EPROTONOSUPPORT, what));
+      invalidateLocked(EPROTONOSUPPORT, what);
       return false;
     }
     case xpc::FrameKind::call:
@@ -523,7 +525,7 @@ bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
 
 bool XPCConnection::Core::protocolErrorLocked(const std::string& problem) {
   CRLog::error("XPC", problem);
-  invalidateLocked(posixError(EBADMSG, problem));
+  invalidateLocked(EBADMSG, problem);
   return false;
 }
 
@@ -539,7 +541,7 @@ bool XPCConnection::Core::greetLocked(const xpc::Frame& hello) {
                                             : xpc::RejectReason::notExported));
     } catch (...) {
     }
-    invalidateLocked(posixError(EPROTONOSUPPORT, "interface mismatch"));
+    invalidateLocked(EPROTONOSUPPORT, "interface mismatch");
     return false;
   }
   greeted = true;
