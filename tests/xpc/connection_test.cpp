@@ -102,10 +102,7 @@ TEST_F(XPCConnectionTest, InvalidateRunsItsHandlerOnceWithNoInterruptionAfter) {
   connection->invalidate();
   ASSERT_TRUE(waitUntil([&] { return *invalidations == 1; }));
   service.reset();  // the peer goes away too
-  EXPECT_EQ(errnoOf([&] {
-              runMain([proxy]() -> Async<void> { co_await proxy.call(Echo{}, std::string("x")); });
-            }),
-            ECONNABORTED);
+  EXPECT_EQ(errnoOfCall([proxy] { return proxy.call(Echo{}, std::string("x")); }), ECONNABORTED);
   EXPECT_EQ(*invalidations, 1);
   EXPECT_EQ(*interruptions, 0);
 }
@@ -171,9 +168,7 @@ TEST_F(XPCConnectionTest, AServiceThatDoesNotExportTheProtocolRefusesTheClient) 
   connection->setInterruptionHandler([interruptions] { ++*interruptions; });
   connection->resume();
   XPCProxy<ImpostorProtocol> proxy(connection);
-  EXPECT_EQ(
-      errnoOf([&] { runMain([proxy]() -> Async<void> { co_await proxy.call(Impostor{}, 5); }); }),
-      EPROTONOSUPPORT);
+  EXPECT_EQ(errnoOfCall([proxy] { return proxy.call(Impostor{}, 5); }), EPROTONOSUPPORT);
   ASSERT_TRUE(waitUntil([&] { return *invalidations == 1; }));
   EXPECT_EQ(*interruptions, 0);
 }
@@ -183,10 +178,7 @@ TEST_F(XPCConnectionTest, NoSuchServiceInvalidatesAtTheFirstCall) {
   auto invalidations = std::make_shared<std::atomic<int>>(0);
   connection->setInvalidationHandler([invalidations] { ++*invalidations; });
   Proxy proxy = proxyFromConnection<TestConnection>(connection);
-  EXPECT_EQ(errnoOf([&] {
-              runMain([proxy]() -> Async<void> { co_await proxy.call(Echo{}, std::string("x")); });
-            }),
-            ENOENT);
+  EXPECT_EQ(errnoOfCall([proxy] { return proxy.call(Echo{}, std::string("x")); }), ENOENT);
   EXPECT_TRUE(waitUntil([&] { return *invalidations == 1; }));
 }
 
@@ -298,13 +290,11 @@ TEST_F(XPCConnectionTest, WithProxyReturnsTheBodysValueOrErrorAndEndsTheConnecti
     co_return co_await withProxy<TestConnection>(body);
   });
   EXPECT_EQ(value, "through withProxy");
-  EXPECT_EQ(errnoOf([] {
-              runMain([]() -> Async<void> {
-                auto body = [](Proxy proxy) -> Async<void> {
-                  co_await proxy.call(Fail{}, std::int64_t{EIO});
-                };
-                co_await withProxy<TestConnection>(body);
-              });
+  EXPECT_EQ(errnoOfCall([] {
+              auto body = [](Proxy proxy) -> Async<void> {
+                co_await proxy.call(Fail{}, std::int64_t{EIO});
+              };
+              return withProxy<TestConnection>(body);
             }),
             EIO);
   // Each call's connection ends with it: the service sees its clients go.

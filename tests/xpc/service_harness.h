@@ -185,4 +185,20 @@ int errnoOf(Operation operation) {
   return 0;
 }
 
+/// Runs `call()` (returning an `Async`) in a task and returns the errno of the std::system_error
+/// it throws (0 when it throws none). The error is read inside the task that caught it, so that
+/// no exception object is shared with another thread.
+template <class Call>
+int errnoOfCall(Call call) {
+  return runMain([call]() -> Async<int> {
+    try {
+      auto work = call();
+      co_await std::move(work);
+    } catch (const std::system_error& error) {
+      co_return error.code().value();
+    }
+    co_return 0;
+  });
+}
+
 }  // namespace carrow::testing

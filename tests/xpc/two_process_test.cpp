@@ -131,7 +131,7 @@ TEST_F(TwoProcessTest, APrivilegedConnectionRefusesAServiceThatIsNotRoot) {
   connection->setInvalidationHandler([invalidations] { ++*invalidations; });
   connection->resume();
   Proxy proxy(connection);
-  EXPECT_EQ(errnoOf([&] { echo(proxy, "hello"); }), EPERM);
+  EXPECT_EQ(errnoOfCall([proxy] { return proxy.call(Echo{}, std::string("hello")); }), EPERM);
   EXPECT_TRUE(waitUntil([&] { return *invalidations == 1; }));
   EXPECT_FALSE(installRecordingLogger()->recordsContaining("Refused XPC connection").empty());
 }
