@@ -7,11 +7,12 @@ namespace carrow::tool {
 namespace {
 
 constexpr Command kCommands[] = {
-    {"volumes", "volumes [--all] [--json]",
+    {"volumes", "volumes [--all] [--json] [--service NAME]",
      "Lists the mounted volumes: the browsable ones, or every mount with --all.\n"
      "\n"
-     "  --all    every mount, kernel interfaces (proc, sysfs, ...) included\n"
-     "  --json   a JSON array of volumes instead of the table (fields: see README.md)\n",
+     "  --all             every mount, kernel interfaces (proc, sysfs, ...) included\n"
+     "  --json            a JSON array of volumes instead of the table (fields: see README.md)\n"
+     "  --service NAME    the list as the volume service NAME gives it (see README.md)\n",
      runVolumes},
     {"volume", "volume PATH [--json]",
      "Describes the volume mounted at PATH (a mount point, not any path inside it).\n"

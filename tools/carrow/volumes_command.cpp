@@ -3,9 +3,11 @@
 #include <string>
 #include <vector>
 
+#include <carrow/runtime/run_main.h>
 #include <carrow/volumes/attr_list_disk.h>
 
 #include "cli.h"
+#include "volume_protocol.h"
 
 namespace carrow::tool {
 
@@ -49,15 +51,39 @@ std::string joined(const std::vector<std::string_view>& names) {
   return text.empty() ? "-" : text;
 }
 
+using Rows = std::vector<std::vector<std::string>>;
+
+Rows tableHeader() {
+  return {{"MOUNT POINT", "DEVICE", "TYPE", "NAME", "UUID", "SIZE", "USED", "FREE", "TRAITS"}};
+}
+
+void printRows(const Rows& rows);
+
 void printTable(const std::vector<AttrListDisk>& volumes) {
-  std::vector<std::vector<std::string>> rows = {
-      {"MOUNT POINT", "DEVICE", "TYPE", "NAME", "UUID", "SIZE", "USED", "FREE", "TRAITS"}};
+  Rows rows = tableHeader();
   for (const auto& disk : volumes) {
     rows.push_back({disk.mountPoint().path(), disk.devicePath(), disk.filesystemTypeName(),
                     disk.userVisibleName().value_or("-"), disk.uuid().value_or("-"),
                     humanBytes(disk.capacity()), humanBytes(disk.bytesUsed()),
                     humanBytes(disk.bytesFree()), joined(disk.traits().memberNames())});
   }
+  printRows(rows);
+}
+
+// The same table, from the records a volume service sent.
+void printTable(const std::vector<volumes_example::VolumeRecord>& volumes) {
+  Rows rows = tableHeader();
+  for (const auto& record : volumes) {
+    std::vector<std::string_view> names(record.traitNames.begin(), record.traitNames.end());
+    rows.push_back({record.mountPoint, record.devicePath, record.filesystemTypeName,
+                    record.userVisibleName.value_or("-"), record.uuid.value_or("-"),
+                    humanBytes(record.capacity), humanBytes(record.bytesUsed),
+                    humanBytes(record.bytesFree), joined(names)});
+  }
+  printRows(rows);
+}
+
+void printRows(const Rows& rows) {
   std::vector<std::size_t> widths(rows[0].size());
   for (const auto& row : rows) {
     for (std::size_t column = 0; column < row.size(); ++column) {
@@ -111,17 +137,52 @@ void printDisk(const AttrListDisk& disk) {
 
 }  // namespace
 
+// `volumes --service NAME`: the list as the volume service NAME sees it.
+int runVolumesThroughService(const std::string& service, bool all, bool json) {
+  using volumes_example::VolumeRecord;
+  volumes_example::VolumeServiceConnection::serviceName = service;
+  std::vector<VolumeRecord> volumes;
+  try {
+    volumes = runMain([all]() -> Async<std::vector<VolumeRecord>> {
+      auto body =
+          [all](
+              XPCProxy<volumes_example::VolumeProtocol> proxy) -> Async<std::vector<VolumeRecord>> {
+        co_return co_await proxy.call(volumes_example::MountedVolumes{}, all);
+      };
+      co_return co_await withProxy<volumes_example::VolumeServiceConnection>(body);
+    });
+  } catch (const CancellationError&) {
+    std::fprintf(stderr, "carrow: %s: the service is not running or refused the connection\n",
+                 service.c_str());
+    return 1;
+  } catch (...) {
+    return reportFailure(service);
+  }
+  if (json) {
+    printJSON(nlohmann::ordered_json::parse(nlohmann::json(volumes).dump()));
+  } else {
+    printTable(volumes);
+  }
+  return 0;
+}
+
 int runVolumes(Arguments arguments) {
   bool all = false, json = false;
-  for (std::string_view argument : arguments) {
+  std::optional<std::string> service;
+  for (std::size_t index = 0; index < arguments.size(); ++index) {
+    const std::string_view argument = arguments[index];
     if (argument == "--all") {
       all = true;
     } else if (argument == "--json") {
       json = true;
+    } else if (argument == "--service") {
+      if (index + 1 == arguments.size()) throw UsageError("volumes: --service needs a NAME");
+      service = arguments[++index];
     } else {
       throw UsageError("volumes: unexpected argument '" + std::string(argument) + "'");
     }
   }
+  if (service) return runVolumesThroughService(*service, all, json);
   std::vector<AttrListDisk> volumes;
   try {
     volumes = AttrListDisk::mountedVolumes();

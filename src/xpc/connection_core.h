@@ -1,0 +1,108 @@
+#pragma once
+
+// The state of one XPC connection, shared by the connection's public operations, its reactor
+// callbacks and the tasks serving its requests. Everything is guarded by `mutex`, which is never
+// held while user code runs: handlers and exported methods run on `queue`.
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <carrow/runtime/continuation.h>
+#include <carrow/runtime/task.h>
+#include <carrow/xpc/xpc_connection.h>
+
+#include "../platform/seqpacket.h"
+#include "frame.h"
+#include "serial_queue.h"
+
+namespace carrow {
+
+struct XPCConnection::Core {
+  enum class Phase : std::uint8_t { created, resumed, invalidated };
+
+  class Socket;
+
+  // One call of this side waiting for its reply.
+  struct Pending {
+    std::string selector;
+    CheckedContinuation<std::vector<XPCValue>> continuation;
+    std::uint64_t generation;
+  };
+
+  // Shared by a call and its cancellation handler; guarded by `mutex`.
+  struct CallState {
+    std::uint64_t id = 0;
+    bool cancelled = false;
+  };
+
+  // One call of the peer being served.
+  struct Request {
+    std::uint64_t id;
+    std::string selector;
+    std::vector<XPCValue> arguments;
+    std::optional<PeerCredentials> peer;
+    std::uint64_t generation;
+  };
+
+  static std::shared_ptr<XPCConnection> makeAccepted(platform::FileDescriptor fd,
+                                                     PeerCredentials peer);
+
+  void startCall(XPCConnection& self, CallState& call, std::string selector,
+                 std::vector<XPCValue> arguments,
+                 CheckedContinuation<std::vector<XPCValue>> continuation);
+  void cancelCall(CallState& call) noexcept;
+
+  void ensureConnectedLocked(XPCConnection& self);
+  void sendLocked(const std::vector<std::uint8_t>& message);
+  void flushLocked();
+  void closeSocketLocked();
+  // Queues `handler`, then the failure of every pending call (a std::system_error of `code`
+  // each), then the release of `dropped`, on the serial executor.
+  void endLocked(std::function<void()> handler, int code, std::string what,
+                 std::shared_ptr<XPCExportedObject> dropped);
+  void interruptLocked();
+  // Ends the connection for good; pending calls fail with std::system_error(code, what).
+  void invalidateLocked(int code, const std::string& what);
+
+  void handleEvents(XPCConnection& self, Socket& source, std::uint32_t events);
+  // False when the connection ended and reading must stop.
+  bool handleMessage(XPCConnection& self, Socket& source, std::span<const std::uint8_t> bytes);
+  void protocolError(Socket& source, const std::string& problem);
+  bool protocolErrorLocked(const std::string& problem);
+  bool greetLocked(const detail::xpc::Frame& hello);
+  void startRequestLocked(XPCConnection& self, detail::xpc::Frame& frame);
+  static Async<void> serveRequest(std::shared_ptr<XPCConnection> connection,
+                                  std::shared_ptr<Request> request);
+
+  std::mutex mutex;
+  Phase phase = Phase::created;
+  bool accepted = false;
+  bool greeted = false;
+  bool everConnected = false;
+  XPCConnectionKind kind = XPCConnectionKind::userService("unnamed", "/");
+  std::shared_ptr<const XPCInterface> remote;
+  std::shared_ptr<const XPCInterface> exported;
+  std::shared_ptr<XPCExportedObject> exportedObject;
+  std::function<void()> interruptionHandler;
+  std::function<void()> invalidationHandler;
+  std::shared_ptr<Socket> socket;
+  // Counts the sockets this connection has had, so that nothing meant for one reaches the next.
+  std::uint64_t generation = 0;
+  std::deque<std::vector<std::uint8_t>> sendQueue;
+  std::optional<PeerCredentials> peer;
+  std::atomic<std::uint64_t> nextCallID{0};
+  std::unordered_map<std::uint64_t, Pending> pending;
+  std::unordered_map<std::uint64_t, Task<void>> serving;
+  std::shared_ptr<detail::xpc::SerialQueue> queue = std::make_shared<detail::xpc::SerialQueue>();
+};
+
+}  // namespace carrow

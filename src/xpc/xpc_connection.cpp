@@ -1,0 +1,612 @@
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <sys/epoll.h>
+#include <system_error>
+#include <unordered_map>
+#include <utility>
+
+#include <carrow/logging/log.h>
+#include <carrow/runtime/actor.h>
+#include <carrow/runtime/cancellation.h>
+#include <carrow/runtime/continuation.h>
+#include <carrow/runtime/task.h>
+#include <carrow/runtime/task_local.h>
+#include <carrow/xpc/domain_error.h>
+#include <carrow/xpc/xpc_connection.h>
+
+#include "../platform/reactor.h"
+#include "../platform/seqpacket.h"
+#include "connection_core.h"
+
+namespace carrow {
+
+namespace xpc = detail::xpc;
+
+namespace {
+
+const TaskLocal<std::optional<PeerCredentials>>& peerLocal() {
+  static const TaskLocal<std::optional<PeerCredentials>> local;
+  return local;
+}
+
+std::exception_ptr posixError(int code, const std::string& what) {
+  return std::make_exception_ptr(std::system_error(code, std::generic_category(), what));
+}
+
+constexpr std::uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
+constexpr int kMessagesPerWake = 64;
+
+}  // namespace
+
+// ---- The socket as the reactor sees it ----
+
+class XPCConnection::Core::Socket final : public platform::ReactorWatcher {
+ public:
+  Socket(platform::FileDescriptor fd, std::shared_ptr<XPCConnection> owner)
+      : fd_(std::move(fd)), owner_(std::move(owner)) {}
+
+  int fd() const noexcept { return fd_.get(); }
+  std::uint64_t token = 0;
+
+  void onEvents(std::uint32_t events) noexcept override {
+    std::shared_ptr<XPCConnection> owner;
+    {
+      std::lock_guard guard(ownerMutex_);
+      owner = owner_;
+    }
+    if (owner) owner->core_->handleEvents(*owner, *this, events);
+  }
+
+  // Breaks the cycle between the connection and its registered socket.
+  void detach() noexcept {
+    std::shared_ptr<XPCConnection> dropped;
+    std::lock_guard guard(ownerMutex_);
+    dropped = std::move(owner_);
+  }
+
+  std::vector<std::uint8_t> buffer;
+
+ private:
+  platform::FileDescriptor fd_;
+  std::mutex ownerMutex_;
+  std::shared_ptr<XPCConnection> owner_;
+};
+
+XPCConnection::XPCConnection(std::unique_ptr<Core> core) : core_(std::move(core)) {}
+
+XPCConnection::~XPCConnection() = default;
+
+std::shared_ptr<XPCConnection> XPCConnection::make(XPCConnectionKind kind) {
+  auto core = std::make_unique<Core>();
+  core->kind = std::move(kind);
+  return std::shared_ptr<XPCConnection>(new XPCConnection(std::move(core)));
+}
+
+std::shared_ptr<XPCConnection> XPCConnection::Core::makeAccepted(platform::FileDescriptor fd,
+                                                                 PeerCredentials peer) {
+  auto core = std::make_unique<Core>();
+  core->accepted = true;
+  core->peer = peer;
+  Core& state = *core;
+  auto connection = std::shared_ptr<XPCConnection>(new XPCConnection(std::move(core)));
+  state.socket = std::make_shared<Socket>(std::move(fd), connection);
+  state.generation = 1;
+  return connection;
+}
+
+void XPCConnection::setRemoteObjectInterface(XPCInterface interface) {
+  std::lock_guard guard(core_->mutex);
+  core_->remote = std::make_shared<const XPCInterface>(std::move(interface));
+}
+
+void XPCConnection::setExportedInterface(XPCInterface interface) {
+  std::lock_guard guard(core_->mutex);
+  core_->exported = std::make_shared<const XPCInterface>(std::move(interface));
+}
+
+void XPCConnection::setExportedObject(std::shared_ptr<XPCExportedObject> object) {
+  std::lock_guard guard(core_->mutex);
+  if (core_->phase != Core::Phase::invalidated) core_->exportedObject = std::move(object);
+}
+
+void XPCConnection::setInterruptionHandler(std::function<void()> handler) {
+  std::lock_guard guard(core_->mutex);
+  if (core_->phase != Core::Phase::invalidated) core_->interruptionHandler = std::move(handler);
+}
+
+void XPCConnection::setInvalidationHandler(std::function<void()> handler) {
+  std::lock_guard guard(core_->mutex);
+  if (core_->phase != Core::Phase::invalidated) core_->invalidationHandler = std::move(handler);
+}
+
+void XPCConnection::resume() {
+  std::lock_guard guard(core_->mutex);
+  if (core_->phase != Core::Phase::created) return;
+  core_->phase = Core::Phase::resumed;
+  if (core_->accepted && core_->socket) {
+    try {
+      core_->socket->token =
+          platform::Reactor::shared().add(core_->socket->fd(), core_->socket, kReadEvents);
+    } catch (const std::exception& error) {
+      CRLog::error("XPC", std::string("Couldn't watch an accepted connection: ") + error.what());
+      core_->invalidateLocked(ECONNABORTED, "XPC connection invalidated");
+    }
+  }
+}
+
+void XPCConnection::invalidate() {
+  std::lock_guard guard(core_->mutex);
+  core_->invalidateLocked(ECONNABORTED, "XPC connection invalidated");
+}
+
+std::shared_ptr<XPCRemoteObjectProxy> XPCConnection::remoteObjectProxy() {
+  const XPCProtocolDescription* protocol = nullptr;
+  {
+    std::lock_guard guard(core_->mutex);
+    if (core_->remote) protocol = &core_->remote->protocol();
+  }
+  return std::make_shared<XPCRemoteObjectProxy>(shared_from_this(), protocol);
+}
+
+std::optional<XPCInterface> XPCConnection::remoteObjectInterface() const {
+  std::lock_guard guard(core_->mutex);
+  if (!core_->remote) return std::nullopt;
+  return *core_->remote;
+}
+
+std::optional<PeerCredentials> XPCConnection::peerCredentials() const {
+  std::lock_guard guard(core_->mutex);
+  return core_->peer;
+}
+
+std::optional<PeerCredentials> XPCConnection::currentPeer() {
+  return peerLocal().get();
+}
+
+Executor& XPCConnection::executor() noexcept {
+  return core_->queue->executor();
+}
+
+// ---- Calls ----
+
+Async<std::vector<XPCValue>> XPCConnection::sendCall(std::shared_ptr<XPCConnection> connection,
+                                                     std::string selector,
+                                                     std::vector<XPCValue> arguments) {
+  auto call = std::make_shared<Core::CallState>();
+  auto operation = [connection, call, selector = std::move(selector),
+                    arguments = std::move(arguments)]() mutable -> Async<std::vector<XPCValue>> {
+    auto start = [&](CheckedContinuation<std::vector<XPCValue>> continuation) {
+      connection->core_->startCall(*connection, *call, std::move(selector), std::move(arguments),
+                                   std::move(continuation));
+    };
+    co_return co_await withCheckedThrowingContinuation<std::vector<XPCValue>>("XPC call", start);
+  };
+  auto onCancel = [connection, call]() noexcept { connection->core_->cancelCall(*call); };
+  co_return co_await withTaskCancellationHandler(std::move(operation), std::move(onCancel));
+}
+
+void XPCConnection::Core::startCall(XPCConnection& self, CallState& call, std::string selector,
+                                    std::vector<XPCValue> arguments,
+                                    CheckedContinuation<std::vector<XPCValue>> continuation) {
+  const std::uint64_t id = nextCallID.fetch_add(1, std::memory_order_relaxed) + 1;
+  std::vector<std::uint8_t> message;
+  try {
+    message = xpc::encodeCall(id, selector, std::move(arguments));
+    if (message.size() > platform::kMaxSeqpacketMessage) {
+      throw std::system_error(EMSGSIZE, std::generic_category(),
+                              "a call of " + std::to_string(message.size())
+                                  + " bytes is over the limit of "
+                                  + std::to_string(platform::kMaxSeqpacketMessage) + " bytes");
+    }
+  } catch (...) {
+    continuation.resumeThrowing(std::current_exception());
+    return;
+  }
+  std::lock_guard guard(mutex);
+  if (call.cancelled) {
+    continuation.resumeThrowing(CancellationError());
+    return;
+  }
+  if (phase == Phase::invalidated) {
+    continuation.resumeThrowing(posixError(ECONNABORTED, "XPC connection invalidated"));
+    return;
+  }
+  if (phase == Phase::created) {
+    continuation.resumeThrowing(posixError(ENOTCONN, "XPC connection not resumed"));
+    return;
+  }
+  // Registered first: if connecting ends the connection, the call fails with the others, after
+  // the handler has run.
+  call.id = id;
+  pending.emplace(id, Pending{selector, continuation, 0});
+  try {
+    ensureConnectedLocked(self);
+    pending.at(id).generation = generation;
+    sendLocked(message);
+  } catch (const std::system_error& error) {
+    // A peer that has just closed: the reading side learns why (a reject, or the end) and ends
+    // the call with the connection.
+    const int code = error.code().value();
+    if ((code == EPIPE || code == ECONNRESET) && socket) return;
+    auto found = pending.find(id);
+    if (found != pending.end()) {
+      pending.erase(found);
+      continuation.resumeThrowing(std::current_exception());
+    }
+  } catch (...) {
+    auto found = pending.find(id);
+    if (found != pending.end()) {
+      pending.erase(found);
+      continuation.resumeThrowing(std::current_exception());
+    }
+  }
+}
+
+void XPCConnection::Core::cancelCall(CallState& call) noexcept {
+  std::lock_guard guard(mutex);
+  call.cancelled = true;
+  if (call.id == 0) return;
+  auto found = pending.find(call.id);
+  if (found == pending.end()) return;
+  auto continuation = std::move(found->second.continuation);
+  const bool sameSocket = found->second.generation == generation;
+  pending.erase(found);
+  if (sameSocket && socket) {
+    try {
+      sendLocked(xpc::encodeCancel(call.id));
+    } catch (...) {
+      // The peer is gone; its end of the call ends with the connection.
+    }
+  }
+  continuation.resumeThrowing(CancellationError());
+}
+
+void XPCConnection::Core::ensureConnectedLocked(XPCConnection& self) {
+  if (socket) return;
+  platform::FileDescriptor fd;
+  try {
+    fd = platform::connectSeqpacket(kind.socketPath());
+  } catch (const std::system_error& error) {
+    // No such service at the first connection is final; after an interruption the service may
+    // be restarting, so only this call fails.
+    if (!everConnected) invalidateLocked(error.code().value(), "no service " + kind.name());
+    throw;
+  }
+  const auto seen = platform::peerOf(fd.get());
+  const PeerCredentials credentials{seen.pid, seen.uid, seen.gid};
+  if (credentials.uid != kind.requiredPeerUID()) {
+    const std::string what = "the service " + kind.name() + " runs as uid "
+                             + std::to_string(credentials.uid) + ", not "
+                             + std::to_string(kind.requiredPeerUID());
+    CRLog::error("XPC", "Refused XPC connection: " + what);
+    invalidateLocked(EPERM, what);
+    throw std::system_error(EPERM, std::generic_category(), what);
+  }
+  auto watcher = std::make_shared<Socket>(std::move(fd), self.shared_from_this());
+  watcher->token = platform::Reactor::shared().add(watcher->fd(), watcher, kReadEvents);
+  socket = std::move(watcher);
+  ++generation;
+  everConnected = true;
+  peer = credentials;
+  if (remote) sendLocked(xpc::encodeHello(remote->protocol()));
+}
+
+void XPCConnection::Core::sendLocked(const std::vector<std::uint8_t>& message) {
+  if (!socket) throw std::system_error(ENOTCONN, std::generic_category(), "not connected");
+  if (sendQueue.empty()) {
+    if (platform::sendMessage(socket->fd(), message) == platform::SendOutcome::sent) return;
+    platform::Reactor::shared().modify(socket->token, socket->fd(), kReadEvents | EPOLLOUT);
+  } else if (message.size() > platform::kMaxSeqpacketMessage) {
+    throw std::system_error(EMSGSIZE, std::generic_category(), "message over the limit");
+  }
+  sendQueue.push_back(message);
+}
+
+void XPCConnection::Core::flushLocked() {
+  while (socket && !sendQueue.empty()) {
+    if (platform::sendMessage(socket->fd(), sendQueue.front()) != platform::SendOutcome::sent) {
+      return;
+    }
+    sendQueue.pop_front();
+  }
+  if (socket) platform::Reactor::shared().modify(socket->token, socket->fd(), kReadEvents);
+}
+
+// ---- Endings ----
+
+void XPCConnection::Core::closeSocketLocked() {
+  if (!socket) return;
+  platform::Reactor::shared().remove(socket->token, socket->fd());
+  // Closing a Unix socket with unread messages makes the peer's next read fail with ECONNRESET
+  // before it has read what was sent to it (a reject, the last replies): read them away first.
+  // Not the socket's own buffer: the reactor thread may be reading into that one right now.
+  std::vector<std::uint8_t> discarded;
+  std::size_t length = 0;
+  for (int count = 0; count < 1024; ++count) {
+    try {
+      if (platform::receiveMessage(socket->fd(), discarded, length)
+          != platform::ReceiveOutcome::message) {
+        break;
+      }
+    } catch (const std::system_error&) {
+      // An oversized message is discarded all the same.
+    }
+  }
+  socket->detach();
+  socket.reset();
+  sendQueue.clear();
+}
+
+void XPCConnection::Core::endLocked(std::function<void()> handler, int code, std::string what,
+                                    std::shared_ptr<XPCExportedObject> dropped) {
+  // The handler runs first, then the pending calls fail: a caller that learns of the end from a
+  // handler (as `withProxy` does) hears of it before the failed call.
+  auto taken = std::make_shared<std::unordered_map<std::uint64_t, Pending>>(std::move(pending));
+  pending.clear();
+  queue->post([handler = std::move(handler), taken, code, what = std::move(what),
+               dropped = std::move(dropped)]() mutable {
+    if (handler) handler();
+    handler = nullptr;
+    // One exception per call: the callers run on several threads and each ends its own.
+    for (auto& [id, call] : *taken) call.continuation.resumeThrowing(posixError(code, what));
+    taken->clear();
+    // The exported object and the handlers may refer back to the connection: they go here, on
+    // the serial executor, never under the connection's lock.
+    dropped.reset();
+  });
+}
+
+void XPCConnection::Core::interruptLocked() {
+  if (!socket || phase == Phase::invalidated) return;
+  closeSocketLocked();
+  endLocked(interruptionHandler, ECONNRESET, "XPC connection interrupted", nullptr);
+  // An accepted connection cannot be made again: it ends here.
+  if (accepted) invalidateLocked(ECONNABORTED, "XPC connection invalidated");
+}
+
+void XPCConnection::Core::invalidateLocked(int code, const std::string& what) {
+  if (phase == Phase::invalidated) return;
+  phase = Phase::invalidated;
+  closeSocketLocked();
+  auto handler = std::exchange(invalidationHandler, nullptr);
+  interruptionHandler = nullptr;
+  endLocked(std::move(handler), code, what, std::move(exportedObject));
+  exportedObject = nullptr;
+}
+
+// ---- Received messages (reactor thread) ----
+
+void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std::uint32_t events) {
+  {
+    std::lock_guard guard(mutex);
+    if (socket.get() != &source) return;  // a late event for a socket already closed
+    if (events & EPOLLOUT) {
+      try {
+        flushLocked();
+      } catch (...) {
+        interruptLocked();
+        return;
+      }
+    }
+  }
+  bool closed = false;
+  if (events & (EPOLLIN | EPOLLHUP | EPOLLRDHUP | EPOLLERR)) {
+    for (int count = 0; count < kMessagesPerWake; ++count) {
+      platform::ReceiveOutcome outcome;
+      std::size_t length = 0;
+      try {
+        outcome = platform::receiveMessage(source.fd(), source.buffer, length);
+      } catch (const std::system_error& error) {
+        protocolError(source, std::string("Unreadable XPC message: ") + error.what());
+        return;
+      }
+      if (outcome == platform::ReceiveOutcome::wouldBlock) break;
+      if (outcome == platform::ReceiveOutcome::closed) {
+        closed = true;
+        break;
+      }
+      if (!handleMessage(self, source, std::span(source.buffer.data(), length))) return;
+    }
+  }
+  if (closed) {
+    std::lock_guard guard(mutex);
+    if (socket.get() == &source) interruptLocked();
+  }
+}
+
+void XPCConnection::Core::protocolError(Socket& source, const std::string& problem) {
+  CRLog::error("XPC", problem);
+  std::lock_guard guard(mutex);
+  if (socket.get() != &source) return;
+  invalidateLocked(EBADMSG, problem);
+}
+
+bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
+                                        std::span<const std::uint8_t> bytes) {
+  xpc::FrameContext context;
+  // The interfaces are kept alive by these copies while the pass runs.
+  std::shared_ptr<const XPCInterface> exportedCopy, remoteCopy;
+  {
+    std::lock_guard guard(mutex);
+    if (socket.get() != &source) return false;
+    exportedCopy = exported;
+    remoteCopy = remote;
+  }
+  context.exported = exportedCopy.get();
+  context.remote = remoteCopy.get();
+  context.pendingSelector = [this](std::uint64_t id) -> std::optional<std::string> {
+    std::lock_guard guard(mutex);
+    auto found = pending.find(id);
+    if (found == pending.end()) return std::nullopt;
+    return found->second.selector;
+  };
+  const auto checked = xpc::checkFrame(bytes, context);
+  if (checked.verdict == xpc::CheckResult::Verdict::malformed) {
+    protocolError(source, "Malformed XPC message: " + checked.problem);
+    return false;
+  }
+  if (checked.verdict == xpc::CheckResult::Verdict::disallowed) {
+    const auto& violation = *checked.violation;
+    const std::string what = "Dropped XPC message for " + violation.selector + ": class "
+                             + violation.className + " is not allowed for "
+                             + (violation.ofReply ? "reply " : "") + "argument "
+                             + std::to_string(violation.argumentIndex);
+    CRLog::error("XPC", what);
+    std::lock_guard guard(mutex);
+    if (checked.kind == xpc::FrameKind::call && checked.id != 0 && socket.get() == &source) {
+      try {
+        sendLocked(xpc::encodeError(checked.id, DomainError::kPOSIXDomain, EACCES));
+      } catch (...) {
+      }
+    } else if (checked.kind == xpc::FrameKind::reply) {
+      auto found = pending.find(checked.id);
+      if (found != pending.end()) {
+        auto continuation = std::move(found->second.continuation);
+        pending.erase(found);
+        continuation.resumeThrowing(posixError(EACCES, what));
+      }
+    }
+    return true;
+  }
+  xpc::Frame frame = xpc::decodeFrame(bytes);
+  std::lock_guard guard(mutex);
+  if (socket.get() != &source) return false;
+  switch (frame.kind) {
+    case xpc::FrameKind::hello:
+      return greetLocked(frame);
+    case xpc::FrameKind::reject: {
+      if (accepted) return protocolErrorLocked("an XPC client sent a reject");
+      const std::string what = "the service " + kind.name() + " does not export the protocol "
+                               + (remote ? remote->protocol().name : std::string("(none)"));
+      CRLog::error("XPC", "Refused XPC connection: " + what);
+      invalidateLocked(EPROTONOSUPPORT, what);
+      return false;
+    }
+    case xpc::FrameKind::call:
+      if (accepted && !greeted) return protocolErrorLocked("an XPC call before the hello");
+      startRequestLocked(self, frame);
+      return true;
+    case xpc::FrameKind::reply:
+    case xpc::FrameKind::error: {
+      auto found = pending.find(frame.id);
+      if (found == pending.end()) return true;  // cancelled meanwhile
+      auto continuation = std::move(found->second.continuation);
+      pending.erase(found);
+      if (frame.kind == xpc::FrameKind::reply) {
+        continuation.resume(std::move(frame.values));
+      } else {
+        continuation.resumeThrowing(
+            DomainError::toException(DomainError(frame.text, frame.number)));
+      }
+      return true;
+    }
+    case xpc::FrameKind::cancel: {
+      const std::uint64_t id = frame.id;
+      auto weak = self.weak_from_this();
+      queue->post([weak, id] {
+        auto connection = weak.lock();
+        if (!connection) return;
+        std::optional<Task<void>> task;
+        {
+          std::lock_guard guard(connection->core_->mutex);
+          auto found = connection->core_->serving.find(id);
+          if (found != connection->core_->serving.end()) task = found->second;
+        }
+        if (task) task->cancel();
+      });
+      return true;
+    }
+  }
+  return true;
+}
+
+bool XPCConnection::Core::protocolErrorLocked(const std::string& problem) {
+  CRLog::error("XPC", problem);
+  invalidateLocked(EBADMSG, problem);
+  return false;
+}
+
+bool XPCConnection::Core::greetLocked(const xpc::Frame& hello) {
+  if (!accepted || greeted) return protocolErrorLocked("an unexpected XPC hello");
+  const bool matches = exported && hello.text == exported->protocol().name
+                       && hello.digest == exported->protocol().digest;
+  if (!matches) {
+    CRLog::error("XPC", "Refused XPC client: it asks for the protocol " + hello.text
+                            + ", which this connection does not export as such");
+    try {
+      sendLocked(xpc::encodeReject(exported ? xpc::RejectReason::interfaceMismatch
+                                            : xpc::RejectReason::notExported));
+    } catch (...) {
+    }
+    invalidateLocked(EPROTONOSUPPORT, "interface mismatch");
+    return false;
+  }
+  greeted = true;
+  return true;
+}
+
+// ---- Serving requests ----
+
+void XPCConnection::Core::startRequestLocked(XPCConnection& self, xpc::Frame& frame) {
+  auto connection = self.shared_from_this();
+  const std::uint64_t id = frame.id;
+  const std::uint64_t servedGeneration = generation;
+  auto request = std::make_shared<Request>(
+      Request{id, std::move(frame.text), std::move(frame.values), peer, servedGeneration});
+  queue->post([connection, request] {
+    Core& core = *connection->core_;
+    std::lock_guard guard(core.mutex);
+    auto task = Task<void>::start(
+        [connection, request]() -> Async<void> { co_await serveRequest(connection, request); });
+    if (request->id != 0) core.serving.insert_or_assign(request->id, std::move(task));
+  });
+}
+
+Async<void> XPCConnection::Core::serveRequest(std::shared_ptr<XPCConnection> connection,
+                                              std::shared_ptr<Request> request) {
+  Core& core = *connection->core_;
+  co_await hopTo(core.queue->executor());
+  std::shared_ptr<XPCExportedObject> object;
+  {
+    std::lock_guard guard(core.mutex);
+    object = core.exportedObject;
+  }
+  std::vector<XPCValue> reply;
+  std::optional<DomainError> failure;
+  if (!object) {
+    failure = DomainError(std::string(DomainError::kPOSIXDomain), ENXIO);
+  } else {
+    try {
+      auto invoke = [object, request]() {
+        return object->invoke(request->selector, std::move(request->arguments));
+      };
+      auto work = peerLocal().withValue(request->peer, std::move(invoke));
+      reply = co_await std::move(work);
+    } catch (...) {
+      failure = DomainError::reduce(std::current_exception());
+    }
+  }
+  object.reset();
+  std::lock_guard guard(core.mutex);
+  core.serving.erase(request->id);
+  if (request->id == 0 || !core.socket || core.generation != request->generation) co_return;
+  try {
+    if (failure) {
+      core.sendLocked(xpc::encodeError(request->id, failure->domain(), failure->code()));
+    } else {
+      auto message = xpc::encodeReply(request->id, std::move(reply));
+      if (message.size() > platform::kMaxSeqpacketMessage) {
+        CRLog::error("XPC", "The reply to " + request->selector + " is over the size limit");
+        message = xpc::encodeError(request->id, DomainError::kPOSIXDomain, EMSGSIZE);
+      }
+      core.sendLocked(message);
+    }
+  } catch (const std::exception& error) {
+    CRLog::error("XPC", std::string("Couldn't send an XPC reply: ") + error.what());
+  }
+}
+
+}  // namespace carrow
