@@ -22,6 +22,11 @@ expect() {  # expect TEXT COMMAND...: COMMAND prints TEXT (and a newline) and su
 expect "CarrowPrivate carrowd-1" carrow --version
 expect "CarrowPrivate carrowd-1" carrow --log=journal --version
 carrow help volumes >/dev/null
+# The example service's unit pair, installed but not enabled, names the installed program.
+units=/usr/lib/systemd/system
+[ -f "$units/carrow-volumes.socket" ] || { echo "check_package: no carrow-volumes.socket" >&2; exit 1; }
+service_program=$(sed -n 's/^ExecStart=//p' "$units/carrow-volumes.service")
+[ -x "$service_program" ] || { echo "check_package: ExecStart '$service_program' is not installed" >&2; exit 1; }
 
 # CMake package, with both optional components.
 cmake -S "$consumer" -B "$work/cmake" -DCMAKE_BUILD_TYPE=Release
