@@ -134,8 +134,9 @@ TEST_F(CarrowToolTest, HelpExplainsOneCommandEitherWay) {
   }
   const auto all = carrow("help");
   EXPECT_EQ(all.status, 0);
-  for (const char* synopsis : {"  volumes [--all] [--json]\n", "  volume PATH [--json]\n",
-                               "  attrs PATH [--key NAME]...", "--log=DEST"}) {
+  for (const char* synopsis :
+       {"  volumes [--all] [--json] [--service NAME]\n", "  volume PATH [--json]\n",
+        "  attrs PATH [--key NAME]...", "--log=DEST"}) {
     EXPECT_NE(all.out.find(synopsis), std::string::npos) << synopsis;
   }
   EXPECT_EQ(carrow("-h").out, all.out);
