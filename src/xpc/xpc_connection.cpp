@@ -12,6 +12,7 @@
 #include <carrow/runtime/actor.h>
 #include <carrow/runtime/cancellation.h>
 #include <carrow/runtime/continuation.h>
+#include <carrow/runtime/detail/start_on.h>
 #include <carrow/runtime/task.h>
 #include <carrow/runtime/task_local.h>
 #include <carrow/xpc/domain_error.h>
@@ -556,13 +557,15 @@ void XPCConnection::Core::startRequestLocked(XPCConnection& self, xpc::Frame& fr
   const std::uint64_t servedGeneration = generation;
   auto request = std::make_shared<Request>(
       Request{id, std::move(frame.text), std::move(frame.values), peer, servedGeneration});
-  queue->post([connection, request] {
-    Core& core = *connection->core_;
-    std::lock_guard guard(core.mutex);
-    auto task = Task<void>::start(
-        [connection, request]() -> Async<void> { co_await serveRequest(connection, request); });
-    if (request->id != 0) core.serving.insert_or_assign(request->id, std::move(task));
-  });
+  // Started right on the serial executor, from here: one queueing (one worker woken) per request
+  // rather than a post, a start on the global executor and a hop back. The serial executor keeps
+  // the requests, the handlers and the cancellations of this connection in arrival order.
+  auto body = [connection, request]() -> Async<void> {
+    co_await serveRequest(connection, request);
+  };
+  auto task = detail::startTaskOn<void>(queue->executor(), std::move(body));
+  // Under the lock, so a cancellation (or the reply, which erases it) finds it registered.
+  if (id != 0) serving.insert_or_assign(id, std::move(task));
 }
 
 Async<void> XPCConnection::Core::serveRequest(std::shared_ptr<XPCConnection> connection,
