@@ -38,7 +38,9 @@ std::exception_ptr posixError(int code, const std::string& what) {
 }
 
 constexpr std::uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
-constexpr int kMessagesPerWake = 64;
+// Bounds one connection's share of a reactor wake-up, so that a busy peer cannot starve the
+// others: 64 messages.
+constexpr int kBatchesPerWake = 64 / static_cast<int>(platform::ReceiveBatch::kSlots);
 
 }  // namespace
 
@@ -67,8 +69,6 @@ class XPCConnection::Core::Socket final : public platform::ReactorWatcher {
     std::lock_guard guard(ownerMutex_);
     dropped = std::move(owner_);
   }
-
-  std::vector<std::uint8_t> buffer;
 
  private:
   platform::FileDescriptor fd_;
@@ -323,7 +323,7 @@ void XPCConnection::Core::closeSocketLocked() {
   platform::Reactor::shared().remove(socket->token, socket->fd());
   // Closing a Unix socket with unread messages makes the peer's next read fail with ECONNRESET
   // before it has read what was sent to it (a reject, the last replies): read them away first.
-  // Not the socket's own buffer: the reactor thread may be reading into that one right now.
+  // Not the reactor's batch: the reactor thread may be reading into it right now.
   std::vector<std::uint8_t> discarded;
   std::size_t length = 0;
   for (int count = 0; count < 1024; ++count) {
@@ -395,11 +395,12 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
   }
   bool closed = false;
   if (events & (EPOLLIN | EPOLLHUP | EPOLLRDHUP | EPOLLERR)) {
-    for (int count = 0; count < kMessagesPerWake; ++count) {
+    // Only the reactor thread reads, so one batch serves every connection of the process.
+    thread_local platform::ReceiveBatch batch;
+    for (int round = 0; round < kBatchesPerWake; ++round) {
       platform::ReceiveOutcome outcome;
-      std::size_t length = 0;
       try {
-        outcome = platform::receiveMessage(source.fd(), source.buffer, length);
+        outcome = batch.receive(source.fd());
       } catch (const std::system_error& error) {
         protocolError(source, std::string("Unreadable XPC message: ") + error.what());
         return;
@@ -409,7 +410,18 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
         closed = true;
         break;
       }
-      if (!handleMessage(self, source, std::span(source.buffer.data(), length))) return;
+      for (std::size_t index = 0; index < batch.count(); ++index) {
+        if (batch.oversized(index)) {
+          protocolError(source, "Unreadable XPC message: a received message is over the limit of "
+                                    + std::to_string(platform::kMaxSeqpacketMessage) + " bytes");
+          return;
+        }
+        if (!handleMessage(self, source, batch.message(index))) return;
+      }
+      closed = batch.peerClosed();
+      // A short batch means the socket was drained: level-triggered epoll reports what comes
+      // later, so no read that could only fail is spent here.
+      if (batch.drained()) break;
     }
   }
   if (closed) {
