@@ -74,8 +74,7 @@ enum class ReceiveOutcome { message, wouldBlock, closed };
 ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer, std::size_t& length);
 
 /// Several whole messages taken with one system call (`recvmmsg`), for the thread that reads
-/// every connection of the process: a wake-up then costs one read for all the messages waiting,
-/// and a short read shows the socket is drained without a second call that would only fail.
+/// every connection of the process: a wake-up then costs one read for all the messages waiting.
 /// Every slot holds a message of the limit, so nothing is ever cut short; the slots are reserved
 /// address space of which only the pages that messages reach become memory. Not thread-safe: one
 /// batch per reading thread. The messages stay valid until the next `receive`.
@@ -100,8 +99,6 @@ class ReceiveBatch {
   bool oversized(std::size_t index) const noexcept { return oversized_[index]; }
   /// True when the peer's end came right after the messages of this batch.
   bool peerClosed() const noexcept { return peerClosed_; }
-  /// True when fewer messages than slots came: nothing more was waiting at that moment.
-  bool drained() const noexcept { return peerClosed_ || count_ < kSlots; }
 
  private:
   std::uint8_t* slots_ = nullptr;
