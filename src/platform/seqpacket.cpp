@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -170,6 +171,56 @@ ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer, std::si
     if (errno == ECONNRESET) return ReceiveOutcome::closed;
     throwErrno(errno, "recvmsg");
   }
+}
+
+ReceiveBatch::ReceiveBatch() {
+  void* reserved = ::mmap(nullptr, kSlots * kMaxSeqpacketMessage, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (reserved == MAP_FAILED) throwErrno(errno, "mmap of the receive slots");
+  slots_ = static_cast<std::uint8_t*>(reserved);
+}
+
+ReceiveBatch::~ReceiveBatch() {
+  ::munmap(slots_, kSlots * kMaxSeqpacketMessage);
+}
+
+std::span<const std::uint8_t> ReceiveBatch::message(std::size_t index) const noexcept {
+  return {slots_ + index * kMaxSeqpacketMessage, lengths_[index]};
+}
+
+ReceiveOutcome ReceiveBatch::receive(int fd) {
+  count_ = 0;
+  peerClosed_ = false;
+  iovec vectors[kSlots];
+  mmsghdr headers[kSlots];
+  std::memset(headers, 0, sizeof headers);
+  for (std::size_t index = 0; index < kSlots; ++index) {
+    vectors[index] = iovec{slots_ + index * kMaxSeqpacketMessage, kMaxSeqpacketMessage};
+    headers[index].msg_hdr.msg_iov = &vectors[index];
+    headers[index].msg_hdr.msg_iovlen = 1;
+  }
+  int received = 0;
+  for (;;) {
+    received = ::recvmmsg(fd, headers, kSlots, MSG_DONTWAIT | MSG_CMSG_CLOEXEC, nullptr);
+    if (received >= 0) break;
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return ReceiveOutcome::wouldBlock;
+    if (errno == ECONNRESET) return ReceiveOutcome::closed;
+    throwErrno(errno, "recvmmsg");
+  }
+  // The end of the peer reads as an empty message (and keeps doing so for the remaining slots).
+  for (int index = 0; index < received; ++index) {
+    const auto& header = headers[index];
+    if (header.msg_len == 0) {
+      peerClosed_ = true;
+      break;
+    }
+    lengths_[count_] = header.msg_len;
+    oversized_[count_] = (header.msg_hdr.msg_flags & MSG_TRUNC) != 0;
+    ++count_;
+  }
+  if (count_ == 0) return received == 0 ? ReceiveOutcome::wouldBlock : ReceiveOutcome::closed;
+  return ReceiveOutcome::message;
 }
 
 std::vector<int> activationListeners() {

@@ -73,6 +73,41 @@ enum class ReceiveOutcome { message, wouldBlock, closed };
 /// counts as closed.
 ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer, std::size_t& length);
 
+/// Several whole messages taken with one system call (`recvmmsg`), for the thread that reads
+/// every connection of the process: a wake-up then costs one read for all the messages waiting.
+/// Every slot holds a message of the limit, so nothing is ever cut short; the slots are reserved
+/// address space of which only the pages that messages reach become memory. Not thread-safe: one
+/// batch per reading thread. The messages stay valid until the next `receive`.
+class ReceiveBatch {
+ public:
+  static constexpr std::size_t kSlots = 16;
+
+  ReceiveBatch();
+  ~ReceiveBatch();
+  ReceiveBatch(const ReceiveBatch&) = delete;
+  ReceiveBatch& operator=(const ReceiveBatch&) = delete;
+
+  /// Takes up to `kSlots` waiting messages without blocking: `message` when at least one came
+  /// (`count()` of them, in order), `wouldBlock` when none waited, `closed` when the peer is gone
+  /// (or reset the connection) and nothing came before. Throws std::system_error otherwise.
+  ReceiveOutcome receive(int fd);
+
+  std::size_t count() const noexcept { return count_; }
+  /// The `index`th message. One marked `oversized` was larger than the limit: the kernel cut it
+  /// (MSG_TRUNC) and only its start is here.
+  std::span<const std::uint8_t> message(std::size_t index) const noexcept;
+  bool oversized(std::size_t index) const noexcept { return oversized_[index]; }
+  /// True when the peer's end came right after the messages of this batch.
+  bool peerClosed() const noexcept { return peerClosed_; }
+
+ private:
+  std::uint8_t* slots_ = nullptr;
+  std::size_t count_ = 0;
+  std::size_t lengths_[kSlots] = {};
+  bool oversized_[kSlots] = {};
+  bool peerClosed_ = false;
+};
+
 /// The sequenced-packet listening sockets passed by a socket-activating service manager
 /// (LISTEN_PID is this process, LISTEN_FDS counts them from descriptor 3). Each is made
 /// close-on-exec, and the variables are removed so that children do not take them too.

@@ -2,11 +2,29 @@
 #include <mutex>
 #include <vector>
 
+#include <carrow/runtime/detail/start_on.h>
 #include <carrow/runtime/detail/task_state.h>
 #include <carrow/runtime/executor.h>
 #include <carrow/runtime/task_group.h>
 
 namespace carrow::detail {
+
+namespace {
+
+thread_local Executor* launchOverride = nullptr;
+
+}  // namespace
+
+LaunchTargetScope::LaunchTargetScope(Executor& target) noexcept
+    : previous_(std::exchange(launchOverride, &target)) {}
+
+LaunchTargetScope::~LaunchTargetScope() {
+  launchOverride = previous_;
+}
+
+Executor& launchTarget() noexcept {
+  return launchOverride != nullptr ? *launchOverride : globalExecutor();
+}
 
 bool TaskStateCore::addWaiter(TaskWaiter& waiter) noexcept {
   TaskWaiter* head = waiters_.load(std::memory_order_acquire);
@@ -19,7 +37,7 @@ bool TaskStateCore::addWaiter(TaskWaiter& waiter) noexcept {
 }
 
 void TaskStateCore::launch(std::coroutine_handle<> body) noexcept {
-  executor = &globalExecutor();
+  executor = &launchTarget();
   schedule(body);
 }
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <signal.h>
+#include <span>
 #include <spawn.h>
 #include <string>
 #include <sys/socket.h>
@@ -105,6 +106,70 @@ TEST(Transport, ReceivingReportsTheEndOfThePeer) {
   ASSERT_EQ(receiveMessage(mine.get(), buffer, length), ReceiveOutcome::message);
   EXPECT_EQ(length, 3u);  // what was sent before the end is read first
   EXPECT_EQ(receiveMessage(mine.get(), buffer, length), ReceiveOutcome::closed);
+}
+
+std::vector<std::uint8_t> messageOf(std::size_t size, std::uint8_t fill) {
+  return std::vector<std::uint8_t>(size, fill);
+}
+
+std::vector<std::uint8_t> copyOf(std::span<const std::uint8_t> bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+TEST(ReceiveBatch, TakesWaitingMessagesInOrderAFullBatchAtATime) {
+  auto [sender, receiver] = connectedPair();
+  ReceiveBatch batch;
+  EXPECT_EQ(batch.receive(receiver.get()), ReceiveOutcome::wouldBlock);
+  constexpr std::size_t kSent = ReceiveBatch::kSlots + 4;
+  for (std::size_t index = 0; index < kSent; ++index) {
+    const auto message = messageOf(1 + index * 7, static_cast<std::uint8_t>(index));
+    ASSERT_EQ(sendMessage(sender.get(), message), SendOutcome::sent);
+  }
+  std::size_t next = 0;
+  for (const std::size_t expected : {ReceiveBatch::kSlots, std::size_t{4}}) {
+    ASSERT_EQ(batch.receive(receiver.get()), ReceiveOutcome::message);
+    ASSERT_EQ(batch.count(), expected);
+    EXPECT_FALSE(batch.peerClosed());
+    for (std::size_t index = 0; index < batch.count(); ++index, ++next) {
+      EXPECT_FALSE(batch.oversized(index));
+      EXPECT_EQ(copyOf(batch.message(index)),
+                messageOf(1 + next * 7, static_cast<std::uint8_t>(next)));
+    }
+  }
+  EXPECT_EQ(batch.receive(receiver.get()), ReceiveOutcome::wouldBlock);
+}
+
+TEST(ReceiveBatch, EverySlotHoldsAMessageOfTheLimitAndALargerOneIsMarked) {
+  auto [sender, receiver] = connectedPair();
+  const auto small = messageOf(3, 1);
+  const auto largest = messageOf(kMaxSeqpacketMessage, 2);
+  const auto tooLarge = messageOf(kMaxSeqpacketMessage + 100, 3);
+  ASSERT_EQ(sendMessage(sender.get(), small), SendOutcome::sent);
+  ASSERT_EQ(sendMessage(sender.get(), largest), SendOutcome::sent);
+  ReceiveBatch batch;
+  ASSERT_EQ(batch.receive(receiver.get()), ReceiveOutcome::message);
+  ASSERT_EQ(batch.count(), 2u);
+  EXPECT_EQ(copyOf(batch.message(0)), small);
+  EXPECT_EQ(copyOf(batch.message(1)), largest);
+  EXPECT_FALSE(batch.oversized(1));
+  // One at a time: the sender's buffer holds one message of the limit, not necessarily two.
+  ASSERT_EQ(::send(sender.get(), tooLarge.data(), tooLarge.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(tooLarge.size()));
+  ASSERT_EQ(batch.receive(receiver.get()), ReceiveOutcome::message);
+  ASSERT_EQ(batch.count(), 1u);
+  EXPECT_TRUE(batch.oversized(0));
+}
+
+TEST(ReceiveBatch, ThePeersEndComesAfterWhatItSent) {
+  auto [mine, theirs] = connectedPair();
+  ASSERT_EQ(sendMessage(theirs.get(), messageOf(5, 9)), SendOutcome::sent);
+  theirs = FileDescriptor();
+  ReceiveBatch batch;
+  ASSERT_EQ(batch.receive(mine.get()), ReceiveOutcome::message);
+  ASSERT_EQ(batch.count(), 1u);
+  EXPECT_EQ(copyOf(batch.message(0)), messageOf(5, 9));
+  EXPECT_TRUE(batch.peerClosed());
+  EXPECT_EQ(batch.receive(mine.get()), ReceiveOutcome::closed);
 }
 
 TEST(Transport, AStaleSocketFileIsReplacedAndALiveOneIsNot) {

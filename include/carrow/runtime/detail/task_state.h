@@ -38,7 +38,8 @@ class TaskStateCore : public TaskContext {
   /// waiter is then not added).
   bool addWaiter(TaskWaiter& waiter) noexcept;
 
-  /// Makes the task runnable: its body starts on the global executor.
+  /// Makes the task runnable: its body starts on the global executor, or on the target of the
+  /// calling thread's `LaunchTargetScope` (see start_on.h).
   void launch(std::coroutine_handle<> body) noexcept;
 
   /// The group this task is a child of, if any; set before launch.
