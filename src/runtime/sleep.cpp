@@ -14,16 +14,21 @@ constexpr std::uint32_t kDecided = 2;
 constexpr std::uint32_t kFired = 4;
 constexpr std::uint32_t kCancelled = 8;
 
-void throwIfCancelled() {
+bool currentTaskIsCancelled() {
   detail::TaskContext* context = detail::currentTaskContext();
-  if (context != nullptr && context->isCancelled()) throw CancellationError();
+  return context != nullptr && context->isCancelled();
 }
 
 }  // namespace
 
-SleepAwaiter::SleepAwaiter(ClockKind clock, std::int64_t deadline)
-    : clock_(clock), deadline_(deadline) {
-  throwIfCancelled();
+SleepAwaiter::SleepAwaiter(ClockKind clock, std::int64_t deadline, bool throwsOnCancel)
+    : clock_(clock), throwsOnCancel_(throwsOnCancel), deadline_(deadline) {
+  if (currentTaskIsCancelled()) {
+    if (throwsOnCancel_) throw CancellationError();
+    cancelledAtCreation_ = true;
+    ready_ = true;  // ends without suspending, as false
+    return;
+  }
   const std::int64_t now = clock == ClockKind::continuous
                                ? ContinuousClock::now().time_since_epoch().count()
                                : SuspendingClock::now().time_since_epoch().count();
@@ -36,6 +41,11 @@ SleepAwaiter sleepUntil(ContinuousClock::time_point deadline) {
 
 SleepAwaiter sleepUntil(SuspendingClock::time_point deadline) {
   return SleepAwaiter(SleepAwaiter::ClockKind::suspending, deadline.time_since_epoch().count());
+}
+
+SleepAwaiter sleepUntilOrCancelled(ContinuousClock::time_point deadline) {
+  return SleepAwaiter(SleepAwaiter::ClockKind::continuous, deadline.time_since_epoch().count(),
+                      false);
 }
 
 SleepAwaiter sleep(ContinuousClock::duration duration) {
@@ -105,10 +115,12 @@ void SleepAwaiter::resume() noexcept {
   context_->schedule(handle_);
 }
 
-void SleepAwaiter::await_resume() {
+bool SleepAwaiter::await_resume() {
   if (registered_) context_->removeCancellationRecord(record_);
-  if (ready_) return;
-  if ((state_.load(std::memory_order_acquire) & kFired) == 0) throw CancellationError();
+  if (ready_) return !cancelledAtCreation_;
+  if ((state_.load(std::memory_order_acquire) & kFired) != 0) return true;
+  if (throwsOnCancel_) throw CancellationError();
+  return false;
 }
 
 }  // namespace carrow

@@ -19,13 +19,15 @@ ContinuousClock::time_point deadlineAfter(ContinuousClock::Duration every) {
 Async<std::optional<PollResult>> pollStep(ContinuousClock::Duration every) {
   const auto deadline = deadlineAfter(every);
   co_await MainActor::shared().enter();
+  // A cancelled task ends the sleep early; the poll stream reports that as a value. Every race
+  // that a poll stream times ends by cancelling it, so the sleep reports it without a throw.
+  bool elapsed = false;
   try {
-    co_await sleepUntil(deadline);
+    elapsed = co_await sleepUntilOrCancelled(deadline);
   } catch (...) {
-    // Only a cancelled task makes the sleep throw; the poll stream reports that as a value.
-    co_return PollResult::cancelled;
+    // A timer that cannot be armed ends the wait the same way.
   }
-  co_return PollResult::poll;
+  co_return elapsed ? PollResult::poll : PollResult::cancelled;
 }
 
 Async<std::optional<std::monostate>> tickStep(ContinuousClock::Duration every) {

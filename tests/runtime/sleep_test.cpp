@@ -1,5 +1,6 @@
 #include <atomic>
 #include <chrono>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -61,6 +62,34 @@ TEST(Sleep, InACancelledTaskThrowsAtOnce) {
     co_return co_await sleeper.value();
   });
   EXPECT_LT(outcome, 50ms);
+}
+
+// The quiet form reports each way a sleep ends as a value: elapsed, cancelled while sleeping,
+// and cancelled before it began (without suspending), and it never throws.
+TEST(Sleep, QuietFormReportsCancellationAsFalse) {
+  struct Outcomes {
+    bool elapsed = false;
+    bool cancelledWhileSleeping = true;
+    bool cancelledBefore = true;
+  };
+  const Outcomes outcomes = runMain([]() -> Async<Outcomes> {
+    Outcomes result;
+    result.elapsed = co_await sleepUntilOrCancelled(ContinuousClock::now() + 5ms);
+    auto sleeper = Task<std::pair<bool, bool>>::start([]() -> Async<std::pair<bool, bool>> {
+      const bool during = co_await sleepUntilOrCancelled(ContinuousClock::now() + 10s);
+      const bool before = co_await sleepUntilOrCancelled(ContinuousClock::now() + 10s);
+      co_return std::pair<bool, bool>(during, before);
+    });
+    co_await sleep(20ms);  // let it reach its first sleep
+    sleeper.cancel();
+    const auto [during, before] = co_await sleeper.value();
+    result.cancelledWhileSleeping = during;
+    result.cancelledBefore = before;
+    co_return result;
+  });
+  EXPECT_TRUE(outcomes.elapsed);
+  EXPECT_FALSE(outcomes.cancelledWhileSleeping);
+  EXPECT_FALSE(outcomes.cancelledBefore);
 }
 
 // The longest duration is clamped (not overflowed into the past) and still cancellable.

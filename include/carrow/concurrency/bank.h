@@ -24,6 +24,7 @@
 #include <carrow/runtime/async.h>
 #include <carrow/runtime/cancellation.h>
 #include <carrow/runtime/cancellation_error.h>
+#include <carrow/runtime/executor.h>
 #include <carrow/runtime/result.h>
 #include <carrow/runtime/task.h>
 
@@ -123,11 +124,7 @@ class Bank final : public Actor {
       Task<Value> task = Task<Value>::start(std::move(work));
       cache_.emplace(key, Entry{1, Entry::State::inProgress(task)});
       CRLog::debug("Bank", describe("Took First Lock ", key, "waiter", 1));
-      auto operation = [task] { return outcomeOf(task); };
-      auto forwardCancellation = [task]() noexcept { task.cancel(); };
-      Result<Value> outcome = co_await withTaskCancellationHandler(operation, forwardCancellation);
-      removeWaiter(key);
-      co_return std::move(outcome).get();
+      co_return co_await waitAsFirstCaller(std::move(task), std::move(key));
     }
     Entry& entry = found->second;
     entry.waiting = checkedAdd<std::int64_t>(entry.waiting, 1, kLabel, __LINE__);
@@ -152,11 +149,23 @@ class Bank final : public Actor {
     co_await enter();
     std::optional<TaskWaiterEvent<Value>> event;
     if (task.isFinished()) {
-      // A kept entry's finished task: the race could only report its outcome.
-      Result<Value> outcome = co_await task.result();
-      event = TaskWaiterEvent<Value>::taskCompleted(std::move(outcome));
+      // A kept entry's finished task: the race could only report its outcome. Read through a
+      // frame of its own, which is smaller in this frame than the task's outcome awaiter.
+      event = TaskWaiterEvent<Value>::taskCompleted(co_await outcomeOf(task));
     } else {
-      event = co_await detail::firstWaitEvent(std::move(task), wait.duration());
+      // The race is built, run and dropped off the actor, which only keeps the books while
+      // thousands of waiters race in parallel. It is awaited in this frame rather than through
+      // `firstWaitEvent`, which would add a coroutine frame to every waiting caller.
+      co_await hopTo(globalExecutor());
+      {
+        auto events = detail::waitEvents(std::move(task), wait.duration()).makeAsyncIterator();
+        try {
+          event = co_await events.next();
+        } catch (const CancellationError&) {
+          // The merge may report this caller's own cancellation as an error: the same as an end.
+        }
+      }
+      co_await enter();
     }
     removeWaiter(key);
     if (event && event->kind() == TaskWaiterEvent<Value>::Kind::taskCompleted) {
@@ -244,6 +253,17 @@ class Bank final : public Actor {
   static constexpr std::string_view kLabel = "CarrowPrivate/Locks";
 
   static Async<Result<Value>> outcomeOf(Task<Value> task) { co_return co_await task.result(); }
+
+  // The first caller's wait (a step of `lock`, on the bank): no limit, and its cancellation is
+  // forwarded to the task. A frame of its own, so that later callers' `lock` frames stay small.
+  Async<Value> waitAsFirstCaller(Task<Value> task, Key key) {
+    co_await enter();
+    auto operation = [task] { return outcomeOf(task); };
+    auto forwardCancellation = [task]() noexcept { task.cancel(); };
+    Result<Value> outcome = co_await withTaskCancellationHandler(operation, forwardCancellation);
+    removeWaiter(key);
+    co_return std::move(outcome).get();
+  }
 
   // The key's printed form: text and integers directly, anything else through its operator<<.
   static void appendKey(std::string& out, const Key& key) {

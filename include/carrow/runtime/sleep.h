@@ -36,13 +36,14 @@ class [[nodiscard]] SleepAwaiter {
     start(*handle.promise().context, handle);
   }
 
-  /// Returns when the deadline has passed; throws CancellationError if the task was cancelled
-  /// first.
-  void await_resume();
+  /// Returns true when the deadline has passed. If the task was cancelled first, throws
+  /// CancellationError, or returns false for a sleep made by `sleepUntilOrCancelled`.
+  bool await_resume();
 
  private:
   friend SleepAwaiter sleepUntil(ContinuousClock::time_point deadline);
   friend SleepAwaiter sleepUntil(SuspendingClock::time_point deadline);
+  friend SleepAwaiter sleepUntilOrCancelled(ContinuousClock::time_point deadline);
 
   enum class ClockKind : std::uint8_t { continuous, suspending };
 
@@ -52,7 +53,7 @@ class [[nodiscard]] SleepAwaiter {
     SleepAwaiter& owner;
   };
 
-  SleepAwaiter(ClockKind clock, std::int64_t deadline);
+  SleepAwaiter(ClockKind clock, std::int64_t deadline, bool throwsOnCancel = true);
   void start(detail::TaskContext& context, std::coroutine_handle<> handle);
   void fired() noexcept;
   static void onCancel(detail::CancellationRecord& record) noexcept;
@@ -61,6 +62,8 @@ class [[nodiscard]] SleepAwaiter {
   ClockKind clock_;
   bool ready_ = false;
   bool registered_ = false;
+  bool throwsOnCancel_;
+  bool cancelledAtCreation_ = false;
   std::int64_t deadline_;
   // Bits of who has done what; the party that completes "armed" and "decided" resumes the task.
   std::atomic<std::uint32_t> state_{0};
@@ -74,6 +77,11 @@ class [[nodiscard]] SleepAwaiter {
 SleepAwaiter sleepUntil(ContinuousClock::time_point deadline);
 /// Sleeps until `deadline` of the suspending clock has passed.
 SleepAwaiter sleepUntil(SuspendingClock::time_point deadline);
+
+/// As `sleepUntil` on the continuous clock, for code to which cancellation is an ordinary outcome:
+/// `co_await` returns false instead of throwing CancellationError (also in a task that is already
+/// cancelled), so nothing is thrown on a path that every cancelled timer takes.
+SleepAwaiter sleepUntilOrCancelled(ContinuousClock::time_point deadline);
 
 /// Sleeps for `duration` on the continuous clock (zero or negative: no suspension, but a cancelled
 /// task still throws). Very long durations are clamped to the clock's range.

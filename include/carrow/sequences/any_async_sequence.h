@@ -38,19 +38,21 @@ class ErasedAsyncIteratorBox final : public ErasedAsyncIterator<Element> {
   explicit ErasedAsyncIteratorBox(Iterator iterator) : iterator_(std::move(iterator)) {}
 
   Async<std::optional<Element>> next(OnError onError) override {
-    // The wrapped iterator is kept after an error: a later call asks it again.
+    // The wrapped iterator is kept after an error: a later call asks it again. One await site
+    // only: each site keeps its own awaiter in this frame, and an iterator's awaiter may be large.
     std::optional<AsyncIteratorElement<Iterator>> element;
-    if (onError == OnError::end) {
-      try {
-        element = co_await iterator_.next();
-      } catch (...) {
-        co_return std::nullopt;
-      }
-    } else {
+    try {
       element = co_await iterator_.next();
+    } catch (...) {
+      if (onError != OnError::end) throw;
+      co_return std::nullopt;
     }
-    if (!element) co_return std::nullopt;
-    co_return std::optional<Element>(std::in_place, std::move(*element));
+    if constexpr (std::is_same_v<AsyncIteratorElement<Iterator>, Element>) {
+      co_return std::move(element);
+    } else {
+      if (!element) co_return std::nullopt;
+      co_return std::optional<Element>(std::in_place, std::move(*element));
+    }
   }
 
  private:

@@ -169,22 +169,52 @@ class MergeStorage : public std::enable_shared_from_this<MergeStorage<Base1, Bas
 
   template <class Base>
   static auto child(const std::shared_ptr<MergeStorage>& storage, Base base) {
+    // The child's frame holds the iterator only, not the upstream as well.
     return [storage, base = std::move(base)]() mutable {
-      return readUpstream(std::move(storage), std::move(base));
+      return readUpstream(std::move(storage), base.makeAsyncIterator());
     };
   }
 
-  // One upstream, one element per demand: wait for demand, read, report, again.
-  template <class Base>
-  static Async<void> readUpstream(std::shared_ptr<MergeStorage> storage, Base base) {
-    auto iterator = base.makeAsyncIterator();
+  // Suspends a child until the machine grants or refuses it one more element. A refusal (the
+  // merge has ended) is handed back as a value: every merge that ends refuses its waiting
+  // children, and throwing it through the child, its task and the reading task would cost
+  // several unwindings per iteration.
+  class DemandAwaiter {
+   public:
+    explicit DemandAwaiter(MergeStorage& storage) noexcept : storage_(storage) {}
+    DemandAwaiter(const DemandAwaiter&) = delete;
+    DemandAwaiter& operator=(const DemandAwaiter&) = delete;
+
+    bool await_ready() const noexcept { return false; }
+
+    template <RuntimePromise Promise>
+    void await_suspend(std::coroutine_handle<Promise> handle) noexcept {
+      slot_.context = handle.promise().context;
+      slot_.handle = handle;
+      storage_.childTaskSuspended(UpstreamContinuation(&slot_));
+    }
+
+    // The refusal's error, or null when demand was granted.
+    std::exception_ptr await_resume() noexcept { return slot_.result->error(); }
+
+   private:
+    MergeStorage& storage_;
+    ContinuationSlot<void> slot_;
+  };
+
+  // One upstream, one element per demand: wait for demand, read, report, again. A refused child
+  // reports the refusal as its upstream's error, as the reading task would have done with the
+  // error thrown; the machine, which has ended, ignores it.
+  template <class Iterator>
+  static Async<void> readUpstream(std::shared_ptr<MergeStorage> storage, Iterator iterator) {
     MergeStorage* self = storage.get();
     bool more = true;
     while (more) {
-      auto askForDemand = [self](UpstreamContinuation continuation) {
-        self->childTaskSuspended(std::move(continuation));
-      };
-      co_await withUnsafeThrowingContinuation<void>(askForDemand);
+      std::exception_ptr refusal = co_await DemandAwaiter(*self);
+      if (refusal) {
+        self->upstreamThrew(std::move(refusal));
+        co_return;
+      }
       auto element = co_await iterator.next();
       more = element.has_value();
       if (more) self->elementProduced(std::move(*element));
