@@ -60,10 +60,9 @@ DispatchQueue::~DispatchQueue() {
 }
 
 void DispatchQueue::submit(std::unique_ptr<Work> work) {
-  {
-    std::lock_guard guard(state_->mutex);
-    state_->blocks.push_back(std::move(work));
-  }
+  // Notified under the lock: once it is released, the block may run and destroy this queue.
+  std::lock_guard guard(state_->mutex);
+  state_->blocks.push_back(std::move(work));
   state_->wakeup.notify_one();
 }
 
