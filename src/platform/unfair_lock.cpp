@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <carrow/platform/cpu_relax.h>
 #include <carrow/platform/unfair_lock.h>
 
 namespace carrow::platform::detail {
@@ -11,14 +12,6 @@ namespace {
 void futexWait(std::uint32_t* word, std::uint32_t expected) noexcept {
   // Spurious returns (EINTR, EAGAIN when the word already changed) are fine: the caller re-checks.
   syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, expected, nullptr, nullptr, 0);
-}
-
-inline void cpuRelax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__)
-  asm volatile("yield" ::: "memory");
-#endif
 }
 
 // A brief spin catches a lock that a holder on the other core is about to release. Longer spins
@@ -40,7 +33,7 @@ void lockSlow(std::uint32_t* address) noexcept {
     } else if (state == kContended) {
       break;  // Others already sleep; join them rather than compete for the cache line.
     }
-    cpuRelax();
+    platform::cpuRelax();
   }
   // From here on the word is marked contended whenever we hold it, so the eventual unlock wakes the
   // next sleeper. A thread that acquires this way cannot tell whether others still sleep, so it

@@ -1,8 +1,11 @@
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <thread>
 
+#include <carrow/platform/cpu_relax.h>
 #include <carrow/runtime/actor.h>
 #include <carrow/runtime/detail/runtime_threads.h>
 #include <carrow/runtime/detail/task_state.h>
@@ -22,17 +25,23 @@ class MainThreadExecutor final : public Executor {
   enum class Mode { unbound, driven, ownThread };
 
   void enqueue(Job& job) noexcept override {
-    std::lock_guard guard(mutex_);
-    jobs_.push(job);
-    if (mode_ == Mode::unbound) {
-      mode_ = Mode::ownThread;
-      try {
-        std::thread([this] { runForever(); }).detach();
-      } catch (...) {
-        detail::runtimeFatal(__LINE__, "could not start the main actor's thread");
+    bool wake = false;
+    {
+      std::lock_guard guard(mutex_);
+      jobs_.push(job);
+      if (mode_ == Mode::unbound) {
+        mode_ = Mode::ownThread;
+        try {
+          std::thread([this] { runForever(); }).detach();
+        } catch (...) {
+          detail::runtimeFatal(__LINE__, "could not start the main actor's thread");
+        }
       }
+      wake = sleeping_;
+      signals_.fetch_add(1, std::memory_order_release);
     }
-    wakeup_.notify_all();
+    // A spinning driver sees the signal count move; only a sleeping one costs a system call.
+    if (wake) wakeup_.notify_all();
   }
 
   /// Binds the main actor to the calling thread if it is free or already bound to it.
@@ -73,15 +82,30 @@ class MainThreadExecutor final : public Executor {
         continue;
       }
       if (done) return;
-      wakeup_.wait(guard);
+      // Work for the main actor tends to come in bursts of hops from other threads (a hop there
+      // and back per step of a poll stream, say): waiting a little before sleeping catches the
+      // next one without a futex wake-up on either side.
+      const std::uint64_t seen = signals_.load(std::memory_order_relaxed);
+      guard.unlock();
+      const bool signalled = spinForSignal(seen);
+      guard.lock();
+      if (signalled) continue;
+      sleeping_ = true;
+      while (jobs_.empty() && !done) wakeup_.wait(guard);
+      sleeping_ = false;
     }
   }
 
   /// Sets `done` and wakes the driving thread.
   void finish(bool& done) noexcept {
-    std::lock_guard guard(mutex_);
-    done = true;
-    wakeup_.notify_all();
+    bool wake = false;
+    {
+      std::lock_guard guard(mutex_);
+      done = true;
+      wake = sleeping_;
+      signals_.fetch_add(1, std::memory_order_release);
+    }
+    if (wake) wakeup_.notify_all();
   }
 
  private:
@@ -101,9 +125,28 @@ class MainThreadExecutor final : public Executor {
     for (;;) driveUntil(never);
   }
 
+  // True when the signal count moved within the spin; yields now and then so that the thread
+  // about to hand work over can run on a busy machine.
+  bool spinForSignal(std::uint64_t seen) const noexcept {
+    for (int round = 0; round < kSpinRounds; ++round) {
+      if (signals_.load(std::memory_order_acquire) != seen) return true;
+      if (round % 16 == 15) {
+        std::this_thread::yield();
+      } else {
+        platform::cpuRelax();
+      }
+    }
+    return false;
+  }
+
+  static constexpr int kSpinRounds = 2000;
+
   std::mutex mutex_;
   std::condition_variable wakeup_;
   detail::JobQueue jobs_;  // guarded by mutex_, which the driving thread also sleeps on
+  bool sleeping_ = false;  // the driver waits on wakeup_; guarded by mutex_
+  // Moves at every enqueue and finish: what a spinning driver watches instead of the lock.
+  std::atomic<std::uint64_t> signals_{0};
   Mode mode_ = Mode::unbound;
   std::thread::id driver_;
   std::thread::id ownThread_;

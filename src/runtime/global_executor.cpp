@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <carrow/concurrency/unfair_lock.h>
+#include <carrow/platform/cpu_relax.h>
 #include <carrow/runtime/detail/task_context.h>
 #include <carrow/runtime/executor.h>
 
@@ -42,7 +43,11 @@ class GlobalExecutor final : public Executor {
   }
 
  private:
-  static constexpr int kSpinRounds = 2000;
+  // About ten microseconds: long enough for a task that handed work to another thread to get
+  // its answer without sleeping, short enough that an idle worker does not keep a core from the
+  // main actor's thread or a handoff that is still on its way (2,000 rounds made a burst of
+  // main-actor hops twice as slow on two cores).
+  static constexpr int kSpinRounds = 200;
 
   Job* pop() noexcept {
     std::lock_guard guard(queueLock_);
@@ -69,7 +74,7 @@ class GlobalExecutor final : public Executor {
         if (round % 16 == 15) {
           std::this_thread::yield();
         } else {
-          pause();
+          platform::cpuRelax();
         }
       }
     }
@@ -82,14 +87,6 @@ class GlobalExecutor final : public Executor {
   void changeCount(int& count, int delta) noexcept {
     std::lock_guard guard(queueLock_);
     count += delta;
-  }
-
-  static void pause() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__)
-    asm volatile("yield");
-#endif
   }
 
   Job* sleepForJob() {

@@ -58,7 +58,8 @@ concept BankWork = std::same_as<std::invoke_result_t<Work&>, Async<Value>>;
 /// waits for the task without a limit and forwards its own cancellation to it; later callers wait
 /// at most as long as their `LockWait` says and, when they give up (time limit or their own
 /// cancellation), leave the task running for the others. Every step is logged at debug level in
-/// category "Bank".
+/// category "Bank" when the installed logger's `shouldLog("Bank")` is true; when it is false the
+/// records are neither formatted nor counted (as with `CRLog::debugIfEnabled`).
 ///
 /// The bank is an `Actor`: its operations run one at a time on its own executor, so it needs no
 /// lock, and any task may call them. Its running operations refer to it, so hold it by
@@ -118,26 +119,8 @@ class Bank final : public Actor {
   /// work's error reaches every caller unchanged.
   template <BankWork<Value> Work>
   Async<Value> lock(Key key, LockWait wait, Work work) {
-    co_await enter();
-    auto found = cache_.find(key);
-    if (found == cache_.end()) {
-      Task<Value> task = Task<Value>::start(std::move(work));
-      cache_.emplace(key, Entry{1, Entry::State::inProgress(task)});
-      CRLog::debug("Bank", describe("Took First Lock ", key, "waiter", 1));
-      co_return co_await waitAsFirstCaller(std::move(task), std::move(key));
-    }
-    Entry& entry = found->second;
-    entry.waiting = checkedAdd<std::int64_t>(entry.waiting, 1, kLabel, __LINE__);
-    const std::int64_t waiterNumber = entry.waiting;
-    if (const Result<Value>* stored = entry.state.result()) {
-      Result<Value> outcome = *stored;
-      CRLog::debug("Bank", describe("Cached Result ", key, "waiter", waiterNumber));
-      removeWaiter(key);
-      co_return std::move(outcome).get();
-    }
-    Task<Value> task = *entry.state.task();
-    co_return co_await waitOnInProgressTask(std::move(task), std::move(wait), std::move(key),
-                                            waiterNumber);
+    return enterAndWait(std::move(key), std::move(wait), std::optional<Work>(std::move(work)),
+                        Task<Value>(), 0);
   }
 
   /// The wait of a later caller (an internal step of `lock`, which has already counted the
@@ -146,38 +129,8 @@ class Bank final : public Actor {
   /// the task.
   Async<Value> waitOnInProgressTask(Task<Value> task, LockWait wait, Key key,
                                     std::int64_t waiterNumber) {
-    co_await enter();
-    std::optional<TaskWaiterEvent<Value>> event;
-    if (task.isFinished()) {
-      // A kept entry's finished task: the race could only report its outcome. Read through a
-      // frame of its own, which is smaller in this frame than the task's outcome awaiter.
-      event = TaskWaiterEvent<Value>::taskCompleted(co_await outcomeOf(task));
-    } else {
-      // The race is built, run and dropped off the actor, which only keeps the books while
-      // thousands of waiters race in parallel. It is awaited in this frame rather than through
-      // `firstWaitEvent`, which would add a coroutine frame to every waiting caller.
-      co_await hopTo(globalExecutor());
-      {
-        auto events = detail::waitEvents(std::move(task), wait.duration()).makeAsyncIterator();
-        try {
-          event = co_await events.next();
-        } catch (const CancellationError&) {
-          // The merge may report this caller's own cancellation as an error: the same as an end.
-        }
-      }
-      co_await enter();
-    }
-    removeWaiter(key);
-    if (event && event->kind() == TaskWaiterEvent<Value>::Kind::taskCompleted) {
-      CRLog::debug("Bank", describe("Task completed ", key, "waiter", waiterNumber));
-      co_return std::move(*event).result().get();
-    }
-    if (event && event->kind() == TaskWaiterEvent<Value>::Kind::timedOut) {
-      CRLog::debug("Bank", describe("Timed out ", key, "waiter", waiterNumber));
-      std::rethrow_exception(wait.error());
-    }
-    CRLog::debug("Bank", describe("Cancelled ", key, "waiter", waiterNumber));
-    throw CancellationError();
+    return enterAndWait(std::move(key), std::move(wait), std::optional<NoWork>(), std::move(task),
+                        waiterNumber);
   }
 
   /// Takes one caller out of `key`'s entry (an internal step of `lock`): at zero the entry is
@@ -191,11 +144,11 @@ class Bank final : public Actor {
     entry.waiting -= 1;
     if (entry.waiting < 0) fatalError(kLabel, __LINE__, "Bank waiter count fell below zero");
     if (entry.waiting == 0 && options_.contains(BankOptions::clearWhenUnused())) {
-      CRLog::debug("Bank", describe("Clearing cache for key ", key, "waiting", 0));
+      debugRecord("Clearing cache for key ", key, "waiting", 0);
       cache_.erase(found);
       return;
     }
-    CRLog::debug("Bank", describe("Decrementing waiters for key ", key, "waiting", entry.waiting));
+    debugRecord("Decrementing waiters for key ", key, "waiting", entry.waiting);
   }
 
   /// Cancels the running task of `key`, if any, without waiting for it. The entry and its count
@@ -252,6 +205,72 @@ class Bank final : public Actor {
  private:
   static constexpr std::string_view kLabel = "CarrowPrivate/Locks";
 
+  // The work type of a wait that joins a task it was handed.
+  struct NoWork {
+    Async<Value> operator()() const;
+  };
+
+  // `lock` when `work` is given, else `waitOnInProgressTask` for `task` and `waiterNumber`. One
+  // coroutine serves both, so that a later caller of `lock` waits in a single frame: thousands of
+  // them may wait at once, and a frame for the lookup nested around a frame for the wait cost
+  // each of them an allocation, a resumption and some 400 bytes.
+  template <class Work>
+  Async<Value> enterAndWait(Key key, LockWait wait, std::optional<Work> work, Task<Value> task,
+                            std::int64_t waiterNumber) {
+    co_await enter();
+    if (work) {
+      auto found = cache_.find(key);
+      if (found == cache_.end()) {
+        task = Task<Value>::start(std::move(*work));
+        cache_.emplace(key, Entry{1, Entry::State::inProgress(task)});
+        debugRecord("Took First Lock ", key, "waiter", 1);
+        co_return co_await waitAsFirstCaller(std::move(task), std::move(key));
+      }
+      work.reset();  // only a first caller runs it: let go of what it holds while this one waits
+      Entry& entry = found->second;
+      entry.waiting = checkedAdd<std::int64_t>(entry.waiting, 1, kLabel, __LINE__);
+      waiterNumber = entry.waiting;
+      if (const Result<Value>* stored = entry.state.result()) {
+        Result<Value> outcome = *stored;
+        debugRecord("Cached Result ", key, "waiter", waiterNumber);
+        removeWaiter(key);
+        co_return std::move(outcome).get();
+      }
+      task = *entry.state.task();
+    }
+    std::optional<TaskWaiterEvent<Value>> event;
+    if (task.isFinished()) {
+      // A kept entry's finished task: the race could only report its outcome. Read through a
+      // frame of its own, which is smaller in this frame than the task's outcome awaiter.
+      event = TaskWaiterEvent<Value>::taskCompleted(co_await outcomeOf(task));
+    } else {
+      // The race is built, run and dropped off the actor, which only keeps the books while
+      // thousands of waiters race in parallel. It is awaited in this frame rather than through
+      // `firstWaitEvent`, which would add a coroutine frame to every waiting caller.
+      co_await hopTo(globalExecutor());
+      {
+        auto events = detail::waitEvents(std::move(task), wait.duration()).makeAsyncIterator();
+        try {
+          event = co_await events.next();
+        } catch (const CancellationError&) {
+          // The merge may report this caller's own cancellation as an error: the same as an end.
+        }
+      }
+      co_await enter();
+    }
+    removeWaiter(key);
+    if (event && event->kind() == TaskWaiterEvent<Value>::Kind::taskCompleted) {
+      debugRecord("Task completed ", key, "waiter", waiterNumber);
+      co_return std::move(*event).result().get();
+    }
+    if (event && event->kind() == TaskWaiterEvent<Value>::Kind::timedOut) {
+      debugRecord("Timed out ", key, "waiter", waiterNumber);
+      std::rethrow_exception(wait.error());
+    }
+    debugRecord("Cancelled ", key, "waiter", waiterNumber);
+    throw CancellationError();
+  }
+
   static Async<Result<Value>> outcomeOf(Task<Value> task) { co_return co_await task.result(); }
 
   // The first caller's wait (a step of `lock`, on the bank): no limit, and its cancellation is
@@ -279,7 +298,17 @@ class Bank final : public Actor {
     }
   }
 
-  // "<prefix>{ key: KEY <counter>: N }", the shape of every per-key record.
+  // Logs "<prefix>{ key: KEY <counter>: N }" at debug level, the shape of every per-key record,
+  // if the installed logger takes category "Bank". These records come from every caller while
+  // the bank's actor runs them one at a time, and each names a waiter number: formatting and
+  // counting them for a logger that drops them all cost more than the rest of a caller's
+  // bookkeeping, and grew the limiter by an entry per distinct number for nothing.
+  static void debugRecord(std::string_view prefix, const Key& key, std::string_view counter,
+                          std::int64_t number, CRLog::Site site = CRLog::Site::current()) {
+    if (!CRLog::logger()->shouldLog("Bank")) return;
+    CRLog::debug("Bank", describe(prefix, key, counter, number), std::nullopt, site);
+  }
+
   static std::string describe(std::string_view prefix, const Key& key, std::string_view counter,
                               std::int64_t number) {
     std::string message(prefix);
