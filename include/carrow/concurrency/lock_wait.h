@@ -40,11 +40,8 @@ class LockWait {
     return throwAfter(seconds, std::make_exception_ptr(std::move(error)));
   }
   /// No practical limit (see the class comment).
-  static LockWait indefinite() {
-    // One error object for every indefinite wait: rethrowing it never changes it.
-    static const std::exception_ptr expired =
-        std::make_exception_ptr(std::system_error(ETIMEDOUT, std::generic_category()));
-    return LockWait(Kind::indefinite, kIndefiniteSeconds, expired);
+  static LockWait indefinite() noexcept {
+    return LockWait(Kind::indefinite, kIndefiniteSeconds, {});
   }
 
   Kind kind() const noexcept { return kind_; }
@@ -56,7 +53,9 @@ class LockWait {
   ContinuousClock::Duration duration() const noexcept { return durationOf(seconds_); }
 
   /// The error to throw when the limit has passed.
-  std::exception_ptr error() const noexcept { return error_; }
+  std::exception_ptr error() const noexcept {
+    return kind_ == Kind::indefinite ? indefiniteExpiry() : error_;
+  }
 
   /// `seconds` as a duration: NaN and negative values give zero, huge ones the clock's maximum.
   static ContinuousClock::Duration durationOf(double seconds) noexcept {
@@ -68,6 +67,14 @@ class LockWait {
   }
 
  private:
+  // One error object for every indefinite wait, made on first use: rethrowing it never changes
+  // it, and waits that never expire (nearly all of them) do not touch its shared count.
+  static std::exception_ptr indefiniteExpiry() noexcept {
+    static const std::exception_ptr expired =
+        std::make_exception_ptr(std::system_error(ETIMEDOUT, std::generic_category()));
+    return expired;
+  }
+
   LockWait(Kind kind, double seconds, std::exception_ptr error)
       : kind_(kind), seconds_(seconds), error_(std::move(error)) {}
 

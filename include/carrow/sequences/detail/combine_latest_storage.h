@@ -22,6 +22,7 @@
 #include <carrow/runtime/task_group.h>
 #include <carrow/sequences/detail/combine_latest_state_machine.h>
 #include <carrow/sequences/detail/overloaded.h>
+#include <carrow/sequences/detail/perform_action.h>
 #include <carrow/sequences/managed_critical_state.h>
 
 namespace carrow::detail {
@@ -68,39 +69,14 @@ class CombineLatestStorage
   using UpstreamContinuation = typename StateMachine::UpstreamContinuation;
   using ProducedElement = typename StateMachine::ProducedElement;
 
-  // Composite actions resume the children first, then cancel the task, then resume the consumer.
+  // Carries an action out, always with the lock released; the consumer receives a tuple or an
+  // error.
   template <class Action>
   static void perform(Action& action) noexcept {
-    std::visit(
-        Overloaded{
-            [](typename StateMachine::None&) {},
-            [](typename StateMachine::CancelTaskAndUpstreamContinuations& cancel) {
-              cancelUpstreamContinuations(cancel.upstreamContinuations);
-              cancel.task.cancel();
-            },
-            [](typename StateMachine::
-                   ResumeContinuationWithNilAndCancelTaskAndUpstreamContinuations& end) {
-              cancelUpstreamContinuations(end.upstreamContinuations);
-              end.task.cancel();
-              end.downstreamContinuation.resume(std::nullopt);
-            },
-            [](typename StateMachine::
-                   ResumeContinuationWithErrorAndCancelTaskAndUpstreamContinuations& failure) {
-              cancelUpstreamContinuations(failure.upstreamContinuations);
-              failure.task.cancel();
-              failure.downstreamContinuation.resumeThrowing(failure.error);
-            },
-            [](typename StateMachine::ResumeUpstreamContinuation& demand) {
-              demand.upstreamContinuation.resume();
-            },
-            [](typename StateMachine::ResumeUpstreamContinuationWithError& refusal) {
-              refusal.upstreamContinuation.resumeThrowing(refusal.error);
-            },
-            [](typename StateMachine::ResumeContinuation& delivery) {
-              delivery.downstreamContinuation.resumeWith(std::move(delivery.result));
-            },
-        },
-        action);
+    auto deliver = [](typename StateMachine::ResumeContinuation& delivery) {
+      delivery.downstreamContinuation.resumeWith(std::move(delivery.result));
+    };
+    performAction<StateMachine>(action, deliver);
   }
 
   void childTaskSuspended(std::size_t index, UpstreamContinuation continuation) noexcept {

@@ -21,7 +21,7 @@
 #include <carrow/runtime/task.h>
 #include <carrow/runtime/task_group.h>
 #include <carrow/sequences/detail/merge_state_machine.h>
-#include <carrow/sequences/detail/overloaded.h>
+#include <carrow/sequences/detail/perform_action.h>
 #include <carrow/sequences/lock.h>
 
 namespace carrow::detail {
@@ -71,41 +71,14 @@ class MergeStorage : public std::enable_shared_from_this<MergeStorage<Base1, Bas
     return lock_.locked([&] { return body(stateMachine_); });
   }
 
-  // Carrying actions out, always with the lock released. Composite actions resume the children
-  // first, then cancel the task, then resume the consumer.
+  // Carries an action out, always with the lock released; the consumer receives an element.
   template <class Action>
   static void perform(Action& action) noexcept {
-    std::visit(
-        Overloaded{
-            [](typename StateMachine::None&) {},
-            [](typename StateMachine::CancelTaskAndUpstreamContinuations& cancel) {
-              cancelUpstreamContinuations(cancel.upstreamContinuations);
-              cancel.task.cancel();
-            },
-            [](typename StateMachine::
-                   ResumeContinuationWithNilAndCancelTaskAndUpstreamContinuations& end) {
-              cancelUpstreamContinuations(end.upstreamContinuations);
-              end.task.cancel();
-              end.downstreamContinuation.resume(std::nullopt);
-            },
-            [](typename StateMachine::
-                   ResumeContinuationWithErrorAndCancelTaskAndUpstreamContinuations& failure) {
-              cancelUpstreamContinuations(failure.upstreamContinuations);
-              failure.task.cancel();
-              failure.downstreamContinuation.resumeThrowing(failure.error);
-            },
-            [](typename StateMachine::ResumeUpstreamContinuation& demand) {
-              demand.upstreamContinuation.resume();
-            },
-            [](typename StateMachine::ResumeUpstreamContinuationWithError& refusal) {
-              refusal.upstreamContinuation.resumeThrowing(refusal.error);
-            },
-            [](typename StateMachine::ResumeDownstreamContinuation& delivery) {
-              delivery.downstreamContinuation.resume(
-                  std::optional<Element>(std::in_place, std::move(delivery.element)));
-            },
-        },
-        action);
+    auto deliver = [](typename StateMachine::ResumeDownstreamContinuation& delivery) {
+      delivery.downstreamContinuation.resume(
+          std::optional<Element>(std::in_place, std::move(delivery.element)));
+    };
+    performAction<StateMachine>(action, deliver);
   }
 
   // A child is ready for one more element of its upstream.
