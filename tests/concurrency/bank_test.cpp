@@ -12,6 +12,7 @@
 
 #include <carrow/concurrency/bank.h>
 #include <carrow/concurrency/bell.h>
+#include <carrow/logging/log_limit.h>
 #include <carrow/runtime/cancellation.h>
 #include <carrow/runtime/run_main.h>
 #include <carrow/runtime/sleep.h>
@@ -368,6 +369,31 @@ TEST_F(BankTest, RecordsShowTheKeysPrintedForm) {
             (std::vector<std::string>{"Took First Lock { key: acct-7 waiter: 1 }",
                                       "Clearing cache for key { key: acct-7 waiting: 0 }",
                                       "No task in-progress for acct-7. Ignoring cancellation..."}));
+}
+
+// A logger that declines category "Bank" gets no debug record of the bank, and the limiter does
+// not count them either: a limited record with the same text afterwards passes its full count.
+// Info records are not debug output and still go out.
+TEST_F(BankTest, DebugRecordsAreNeitherWrittenNorCountedWhenTheLoggerDeclinesBank) {
+  auto declining = std::make_shared<testing::RecordingLogger>(false);
+  CRLog::setLogger(declining);
+  runMain([]() -> Async<void> {
+    auto bank = std::make_shared<IntBank>(0, BankOptions::clearWhenUnused());
+    auto work = []() -> Async<int> { co_return 3; };
+    EXPECT_EQ(co_await bank->lock("declined", LockWait::indefinite(), work), 3);
+    co_await bank->cancelTaskAndWait("declined", LockWait::indefinite());
+  });
+  std::vector<std::string> written;
+  for (const auto& record : declining->records()) written.push_back(record.message);
+  EXPECT_EQ(written,
+            std::vector<std::string>{"No task in-progress for declined. Ignoring cancellation..."});
+
+  CRLog::setLogger(logger);
+  for (int round = 0; round < 5; ++round) {
+    CRLog::debug("Bank", "Took First Lock { key: declined waiter: 1 }", LogLimit::aFewTimes);
+  }
+  EXPECT_EQ(logger->recordsContaining("Took First Lock { key: declined").size(), 5u);
+  EXPECT_TRUE(logger->recordsContaining("Limiting logging").empty());
 }
 
 TEST(BankDeathTest, AWaiterCountBelowZeroStopsTheProcess) {
