@@ -15,11 +15,14 @@ namespace carrow {
 namespace {
 
 // Only ever read through the out-of-line accessors below, so no coroutine can keep a stale
-// thread-local address across a suspension.
-thread_local detail::TaskContext* currentTask = nullptr;
-thread_local const void* currentExecutor = nullptr;
+// thread-local address across a suspension. Every job reads and writes them, so they use the
+// initial-exec model: a fixed offset from the thread pointer, instead of a call into the dynamic
+// loader that a shared library's thread-locals cost by default. They take a few words of the
+// static TLS surplus the loader keeps for libraries, which is there even when loaded with dlopen.
+[[gnu::tls_model("initial-exec")]] thread_local detail::TaskContext* currentTask = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local const void* currentExecutor = nullptr;
 // The Async child that its parent is resuming inline on this thread, if any.
-thread_local void* inlineChild = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local void* inlineChild = nullptr;
 
 constexpr std::uint32_t kRecordIdle = 0;
 constexpr std::uint32_t kRecordRegistered = 1;

@@ -11,7 +11,8 @@ namespace carrow::detail {
 
 namespace {
 
-thread_local Executor* launchOverride = nullptr;
+// Initial-exec, as the runtime's other thread-locals (see task_context.cpp).
+[[gnu::tls_model("initial-exec")]] thread_local Executor* launchOverride = nullptr;
 
 }  // namespace
 
