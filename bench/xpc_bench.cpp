@@ -289,10 +289,47 @@ void BM_FromCBORCall64(benchmark::State& state) {
 }
 BENCHMARK(BM_FromCBORCall64);
 
+// `--fixed-calls pipelined|serial N`: N calls and nothing else (no benchmark framework, no
+// estimation runs), so that `perf stat` of the whole program counts system calls, context
+// switches and CPU time per call.
+[[noreturn]] void fixedCalls(const std::string& mode, int count) {
+  const std::string folder = temporaryFolder();
+  BenchConnection::directory = folder;
+  {
+    Peer peer({"bench", "--serve", folder});
+    auto connection = makeConnection<BenchConnection>();
+    auto proxy = proxyFromConnection<BenchConnection>(connection);
+    const bool pipelined = mode == "pipelined";
+    runMain([proxy, pipelined, count]() -> Async<void> {
+      if (!pipelined) {
+        for (int index = 0; index < count; ++index) co_await echoOnce(proxy);
+        co_return;
+      }
+      auto body = [proxy, count](ThrowingTaskGroup<void>& group) -> Async<void> {
+        for (int lane = 0; lane < kInFlight; ++lane) {
+          group.addTask([proxy, count]() -> Async<void> {
+            for (int index = 0; index < count / kInFlight; ++index) co_await echoOnce(proxy);
+          });
+        }
+        while (co_await group.next()) {
+        }
+      };
+      co_await withThrowingTaskGroup<void>(body);
+    });
+    connection->invalidate();
+  }
+  std::filesystem::remove_all(folder);
+  std::exit(0);
+}
+
 }  // namespace
 }  // namespace carrow
 
 int main(int argc, char** argv) {
+  if (argc == 4 && std::strcmp(argv[1], "--fixed-calls") == 0) {
+    carrow::CRLog::setLogger(std::make_shared<carrow::QuietLogger>());
+    carrow::fixedCalls(argv[2], std::atoi(argv[3]));
+  }
   carrow::CRLog::setLogger(std::make_shared<carrow::QuietLogger>());
   if (argc == 3 && std::strcmp(argv[1], "--serve") == 0) carrow::serveXPC(argv[2]);
   if (argc == 3 && std::strcmp(argv[1], "--raw-echo") == 0) carrow::serveRawEcho(argv[2]);

@@ -87,6 +87,8 @@ struct XPCConnection::Core {
   void invalidateLocked(int code, const std::string& what);
 
   void handleEvents(XPCConnection& self, Socket& source, std::uint32_t events);
+  // A write to `source` failed: the connection is interrupted, as when the peer closes.
+  void writeFailed(Socket& source) noexcept;
   // False when the connection ended and reading must stop.
   bool handleMessage(XPCConnection& self, Socket& source, std::span<const std::uint8_t> bytes,
                      detail::xpc::FrameContext& context);

@@ -12,6 +12,7 @@
 #include <carrow/runtime/cancellation.h>
 #include <carrow/runtime/continuation.h>
 #include <carrow/runtime/detail/start_on.h>
+#include <carrow/runtime/executor.h>
 #include <carrow/runtime/task.h>
 #include <carrow/runtime/task_local.h>
 #include <carrow/xpc/domain_error.h>
@@ -202,8 +203,10 @@ void XPCConnection::Core::startCall(std::shared_ptr<XPCConnection> self,
   }
   if (!refused) {
     try {
-      // A socket closed meanwhile took the call with it: it has failed with the connection.
-      if (!target->send(message)) return;
+      // Written by a job behind the work already queued, with the calls that work makes: a
+      // burst of calls leaves with one system call. A socket closed meanwhile took the call
+      // with it: it has failed with the connection.
+      if (!target->sendSoon(std::move(message), globalExecutor())) return;
       if (call->sendState.exchange(CallState::sent) == CallState::cancelWanted) {
         target->send(xpc::encodeCancel(id));
       }
@@ -373,8 +376,7 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
     try {
       source.flush();
     } catch (...) {
-      std::lock_guard guard(mutex);
-      if (socket.get() == &source) interruptLocked();
+      writeFailed(source);
       return;
     }
   }
@@ -427,6 +429,11 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
     std::lock_guard guard(mutex);
     if (socket.get() == &source) interruptLocked();
   }
+}
+
+void XPCConnection::Core::writeFailed(Socket& source) noexcept {
+  std::lock_guard guard(mutex);
+  if (socket.get() == &source) interruptLocked();
 }
 
 void XPCConnection::Core::protocolError(Socket& source, const std::string& problem,
@@ -590,9 +597,7 @@ void XPCConnection::Core::startRequestLocked(XPCConnection& self, xpc::Frame& fr
   // Started right on the serial executor, from here: one queueing (one worker woken) per request
   // rather than a post, a start on the global executor and a hop back. The serial executor keeps
   // the requests, the handlers and the cancellations of this connection in arrival order.
-  auto body = [connection, request]() -> Async<void> {
-    co_await serveRequest(connection, request);
-  };
+  auto body = [connection, request] { return serveRequest(connection, request); };
   auto task = detail::startTaskOn<void>(queue->executor(), std::move(body));
   // Under the lock, so a cancellation (or the reply, which erases it) finds it registered.
   if (id != 0) serving.insert_or_assign(id, std::move(task));
@@ -633,16 +638,19 @@ Async<void> XPCConnection::Core::serveRequest(std::shared_ptr<XPCConnection> con
   auto target = request->socket.lock();
   if (!target) co_return;
   try {
+    std::vector<std::uint8_t> message;
     if (failure) {
-      target->send(xpc::encodeError(request->id, failure->domain(), failure->code()));
+      message = xpc::encodeError(request->id, failure->domain(), failure->code());
     } else {
-      auto message = xpc::encodeReply(request->id, std::move(reply));
+      message = xpc::encodeReply(request->id, std::move(reply));
       if (message.size() > platform::kMaxSeqpacketMessage) {
         CRLog::error("XPC", "The reply to " + request->selector + " is over the size limit");
         message = xpc::encodeError(request->id, DomainError::kPOSIXDomain, EMSGSIZE);
       }
-      target->send(message);
     }
+    // Written by a job behind the requests already waiting on the serial executor, with their
+    // replies: under load, one system call for many replies.
+    target->sendSoon(std::move(message), core.queue->executor());
   } catch (const std::exception& error) {
     CRLog::error("XPC", std::string("Couldn't send an XPC reply: ") + error.what());
   }
