@@ -12,7 +12,6 @@
 #include <carrow/runtime/cancellation.h>
 #include <carrow/runtime/continuation.h>
 #include <carrow/runtime/detail/start_on.h>
-#include <carrow/runtime/executor.h>
 #include <carrow/runtime/task.h>
 #include <carrow/runtime/task_local.h>
 #include <carrow/xpc/domain_error.h>
@@ -203,10 +202,10 @@ void XPCConnection::Core::startCall(std::shared_ptr<XPCConnection> self,
   }
   if (!refused) {
     try {
-      // Written by a job behind the work already queued, with the calls that work makes: a
-      // burst of calls leaves with one system call. A socket closed meanwhile took the call
-      // with it: it has failed with the connection.
-      if (!target->sendSoon(std::move(message), globalExecutor())) return;
+      // Written at once: the caller's thread has nothing else to do for this call, and a
+      // job to write it would cost a hand-off (often a wake-up) on every round trip. A socket
+      // closed meanwhile took the call with it: it has failed with the connection.
+      if (!target->send(message)) return;
       if (call->sendState.exchange(CallState::sent) == CallState::cancelWanted) {
         target->send(xpc::encodeCancel(id));
       }
