@@ -457,27 +457,32 @@ bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
                                         xpc::FrameContext& context) {
   // A reply's pending call is taken off the books as the checking pass asks for its selector:
   // that one look under the lock is all a reply costs it.
-  std::optional<Pending> taken;
-  std::uint64_t takenID = 0;
-  bool stale = false;
-  context.pendingSelector = [this, &source, &taken, &takenID,
-                             &stale](std::uint64_t id) -> std::optional<std::string> {
-    std::lock_guard guard(mutex);
-    if (socket.get() != &source) {
-      stale = true;
+  struct Lookup {
+    Core& core;
+    Socket& source;
+    std::optional<Pending> taken;
+    std::uint64_t takenID = 0;
+    bool stale = false;
+  } lookup{*this, source, std::nullopt};
+  auto& taken = lookup.taken;
+  // One pointer: small enough for std::function to hold without allocating.
+  context.pendingSelector = [found = &lookup](std::uint64_t id) -> std::optional<std::string> {
+    std::lock_guard guard(found->core.mutex);
+    if (found->core.socket.get() != &found->source) {
+      found->stale = true;
       return std::nullopt;
     }
-    taken = takePendingLocked(id);
-    if (!taken) return std::nullopt;
-    takenID = id;
-    return taken->selector;
+    found->taken = found->core.takePendingLocked(id);
+    if (!found->taken) return std::nullopt;
+    found->takenID = id;
+    return found->taken->selector;
   };
   const auto checked = xpc::checkFrame(bytes, context);
   context.pendingSelector = nullptr;
-  if (stale) return false;
+  if (lookup.stale) return false;
   auto giveBack = [&]() -> std::optional<std::pair<std::uint64_t, Pending>> {
     if (!taken) return std::nullopt;
-    return std::make_pair(takenID, std::move(*taken));
+    return std::make_pair(lookup.takenID, std::move(*taken));
   };
   if (checked.verdict == xpc::CheckResult::Verdict::malformed) {
     protocolError(source, "Malformed XPC message: " + checked.problem, giveBack());
