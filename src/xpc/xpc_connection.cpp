@@ -511,7 +511,15 @@ bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
     }
     return true;
   }
-  xpc::Frame frame = xpc::decodeFrame(bytes);
+  xpc::Frame frame;
+  try {
+    frame = xpc::decodeFrame(bytes);
+  } catch (const std::exception& error) {
+    // The pass accepted it, so this is not expected; still, a reader's surprise ends this
+    // connection only.
+    protocolError(source, std::string("Malformed XPC message: ") + error.what(), giveBack());
+    return false;
+  }
   if (frame.kind == xpc::FrameKind::reply || frame.kind == xpc::FrameKind::error) {
     if (!taken) {
       std::lock_guard guard(mutex);
