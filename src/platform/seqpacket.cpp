@@ -1,6 +1,5 @@
 #include "seqpacket.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -147,42 +146,6 @@ SendOutcome sendMessage(int fd, std::span<const std::uint8_t> message) {
     if (errno == EAGAIN || errno == EWOULDBLOCK) return SendOutcome::wouldBlock;
     throwErrno(errno, "send");
   }
-}
-
-std::size_t sendMessages(int fd, std::span<const std::vector<std::uint8_t>> messages) {
-  for (const auto& message : messages) {
-    if (message.size() > kMaxSeqpacketMessage) {
-      throwErrno(EMSGSIZE, "a message of " + std::to_string(message.size())
-                               + " bytes is over the limit of "
-                               + std::to_string(kMaxSeqpacketMessage) + " bytes");
-    }
-  }
-  constexpr std::size_t kPerCall = 64;
-  iovec vectors[kPerCall];
-  mmsghdr headers[kPerCall];
-  std::size_t done = 0;
-  while (done < messages.size()) {
-    const std::size_t count = std::min(kPerCall, messages.size() - done);
-    std::memset(headers, 0, sizeof(mmsghdr) * count);
-    for (std::size_t index = 0; index < count; ++index) {
-      const auto& message = messages[done + index];
-      vectors[index] = iovec{const_cast<std::uint8_t*>(message.data()), message.size()};
-      headers[index].msg_hdr.msg_iov = &vectors[index];
-      headers[index].msg_hdr.msg_iovlen = 1;
-    }
-    const int sent = ::sendmmsg(fd, headers, static_cast<unsigned>(count),
-                                MSG_NOSIGNAL | MSG_DONTWAIT | MSG_EOR);
-    if (sent < 0) {
-      if (errno == EINTR) continue;
-      // Anything sent before the failure stays counted; the failure shows again next time.
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return done;
-      if (done > 0) return done;
-      throwErrno(errno, "sendmmsg");
-    }
-    done += static_cast<std::size_t>(sent);
-    if (static_cast<std::size_t>(sent) < count) return done;
-  }
-  return done;
 }
 
 ReceiveOutcome receiveMessage(int fd, std::vector<std::uint8_t>& buffer, std::size_t& length) {

@@ -65,12 +65,6 @@ enum class SendOutcome { sent, wouldBlock };
 /// a message over the limit; other failures (EPIPE, ECONNRESET) as std::system_error.
 SendOutcome sendMessage(int fd, std::span<const std::uint8_t> message);
 
-/// Sends the first messages of `messages` (each whole, in order) with as few system calls as
-/// possible (`sendmmsg`), without blocking and without SIGPIPE. Returns how many went out: fewer
-/// than all when the socket filled up (0 when it was full from the start). EMSGSIZE (before
-/// sending anything) when one is over the limit; other failures as std::system_error.
-std::size_t sendMessages(int fd, std::span<const std::vector<std::uint8_t>> messages);
-
 enum class ReceiveOutcome { message, wouldBlock, closed };
 
 /// Receives one whole message without blocking into the first `length` bytes of `buffer`, which

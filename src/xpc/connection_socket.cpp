@@ -5,8 +5,6 @@
 #include <sys/epoll.h>
 #include <system_error>
 
-#include <carrow/logging/log.h>
-
 namespace carrow {
 
 namespace {
@@ -46,53 +44,10 @@ bool XPCConnection::Core::Socket::send(std::span<const std::uint8_t> message) {
   return true;
 }
 
-bool XPCConnection::Core::Socket::sendSoon(std::vector<std::uint8_t> message, Executor& executor) {
-  {
-    std::lock_guard guard(sendLock_);
-    if (closed_) return false;
-    queued_.push_back(std::move(message));
-    if (jobQueued_ || watchingForRoom_) return true;
-    jobQueued_ = true;
-    keepAlive_ = shared_from_this();
-  }
-  executor.enqueue(*this);
-  return true;
-}
-
-void XPCConnection::Core::Socket::run() noexcept {
-  std::shared_ptr<Socket> self;
-  std::string failure;
-  {
-    std::lock_guard guard(sendLock_);
-    jobQueued_ = false;
-    self = std::move(keepAlive_);
-    if (closed_ || watchingForRoom_) return;
-    try {
-      writeQueuedLocked();
-    } catch (const std::exception& error) {
-      // The peer is gone: the reading side ends the connection.
-      queued_.clear();
-      failure = error.what();
-    }
-  }
-  if (!failure.empty()) {
-    CRLog::error("XPC", "Couldn't send an XPC message: " + failure);
-    std::shared_ptr<XPCConnection> owner;
-    {
-      std::lock_guard guard(ownerMutex_);
-      owner = owner_;
-    }
-    if (owner) owner->core_->writeFailed(*this);
-  }
-  // `self` may be the last reference: nothing of this object is touched after it goes.
-}
-
 void XPCConnection::Core::Socket::writeQueuedLocked() {
-  const std::size_t sent = platform::sendMessages(fd_.get(), queued_);
-  queued_.erase(queued_.begin(), queued_.begin() + static_cast<std::ptrdiff_t>(sent));
-  if (!queued_.empty() && !watchingForRoom_) {
-    platform::Reactor::shared().modify(token, fd_.get(), kReadEvents | EPOLLOUT);
-    watchingForRoom_ = true;
+  while (!queued_.empty()) {
+    if (platform::sendMessage(fd_.get(), queued_.front()) != platform::SendOutcome::sent) return;
+    queued_.pop_front();
   }
 }
 
@@ -107,7 +62,7 @@ void XPCConnection::Core::Socket::flush() {
 }
 
 void XPCConnection::Core::Socket::close() noexcept {
-  std::vector<std::vector<std::uint8_t>> dropped;
+  std::deque<std::vector<std::uint8_t>> dropped;
   std::lock_guard guard(sendLock_);
   closed_ = true;
   dropped.swap(queued_);

@@ -7,13 +7,13 @@
 // wait for the connection's bookkeeping, nor make it wait for a system call.
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <span>
 #include <vector>
 
 #include <carrow/concurrency/unfair_lock.h>
-#include <carrow/runtime/executor.h>
 
 #include "../platform/reactor.h"
 #include "../platform/seqpacket.h"
@@ -21,9 +21,7 @@
 
 namespace carrow {
 
-class XPCConnection::Core::Socket final : public platform::ReactorWatcher,
-                                          private Job,
-                                          public std::enable_shared_from_this<Socket> {
+class XPCConnection::Core::Socket final : public platform::ReactorWatcher {
  public:
   Socket(platform::FileDescriptor fd, std::shared_ptr<XPCConnection> owner)
       : fd_(std::move(fd)), owner_(std::move(owner)) {}
@@ -45,15 +43,6 @@ class XPCConnection::Core::Socket final : public platform::ReactorWatcher,
   /// for an oversized message. Any thread.
   bool send(std::span<const std::uint8_t> message);
 
-  /// Queues `message` and, unless a write is already coming, queues a job on `executor` that
-  /// writes everything queued by then with one system call (`sendmmsg`). For the messages of
-  /// work that runs in bursts (the replies of a serial executor with more requests waiting,
-  /// the calls of tasks that the same batch of replies resumed): they leave together once the
-  /// jobs queued before have run, instead of one system call each; a lone message waits for
-  /// nothing but that job. False when the socket was closed. A failed write is logged and
-  /// interrupts the connection (callers learn of it as when the peer closes). Any thread.
-  bool sendSoon(std::vector<std::uint8_t> message, Executor& executor);
-
   /// Writes what is queued (reactor thread, on EPOLLOUT) and stops watching for room once the
   /// queue is empty. Throws std::system_error when the peer is gone.
   void flush();
@@ -63,10 +52,7 @@ class XPCConnection::Core::Socket final : public platform::ReactorWatcher,
   void close() noexcept;
 
  private:
-  // The job `sendSoon` queues.
-  void run() noexcept override;
-  // Writes from the front of `queued_` until it is empty or the socket is full; in that case
-  // the reactor finishes the work when the socket has room again.
+  // Writes from the front of `queued_` until it is empty or the socket is full.
   void writeQueuedLocked();
 
   platform::FileDescriptor fd_;
@@ -76,12 +62,9 @@ class XPCConnection::Core::Socket final : public platform::ReactorWatcher,
   // Guards what follows; held across the writes, so that messages keep their order.
   CRUnfairLock sendLock_;
   bool closed_ = false;
-  // Not empty only while a job or the reactor is due to write it.
-  std::vector<std::vector<std::uint8_t>> queued_;
-  bool jobQueued_ = false;
+  // Not empty only while the reactor watches for room to write it.
+  std::deque<std::vector<std::uint8_t>> queued_;
   bool watchingForRoom_ = false;
-  // Held while the job is queued, so that the socket outlives it.
-  std::shared_ptr<Socket> keepAlive_;
 };
 
 }  // namespace carrow

@@ -661,9 +661,10 @@ Async<void> XPCConnection::Core::serveRequest(std::shared_ptr<XPCConnection> con
         message = xpc::encodeError(request->id, DomainError::kPOSIXDomain, EMSGSIZE);
       }
     }
-    // Written by a job behind the requests already waiting on the serial executor, with their
-    // replies: under load, one system call for many replies.
-    target->sendSoon(std::move(message), core.queue->executor());
+    // Written at once, by this worker: a job that gathered the replies of the requests queued
+    // behind this one into one `sendmmsg` saved system calls but, by sending them in bursts,
+    // made both readers sleep and wake more often, and lost throughput.
+    target->send(message);
   } catch (const std::exception& error) {
     CRLog::error("XPC", std::string("Couldn't send an XPC reply: ") + error.what());
   }
