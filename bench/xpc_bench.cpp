@@ -4,6 +4,7 @@
 // The program is its own peer: started with `--serve DIR` it is the XPC service, with
 // `--raw-echo PATH` the raw echo server; the benchmarks start those children themselves.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -63,6 +64,16 @@ class QuietLogger final : public CRLogger {
 };
 
 const std::string kPayload(64, 'x');
+
+// Repetitions on a shared machine spread widely: report their range with the median.
+void withExtremes(benchmark::internal::Benchmark* benchmark) {
+  benchmark->ComputeStatistics("min", [](const std::vector<double>& values) {
+    return *std::min_element(values.begin(), values.end());
+  });
+  benchmark->ComputeStatistics("max", [](const std::vector<double>& values) {
+    return *std::max_element(values.begin(), values.end());
+  });
+}
 
 // ---- the peer processes ----
 
@@ -170,7 +181,7 @@ void BM_RawSeqpacketEcho64(benchmark::State& state) {
   ::close(fd);
   std::filesystem::remove_all(folder);
 }
-BENCHMARK(BM_RawSeqpacketEcho64)->UseRealTime();
+BENCHMARK(BM_RawSeqpacketEcho64)->Apply(withExtremes)->UseRealTime();
 
 template <class Call>
 void xpcLoop(benchmark::State& state, Call call) {
@@ -194,7 +205,7 @@ void xpcLoop(benchmark::State& state, Call call) {
 void BM_XPCEmptyCall(benchmark::State& state) {
   xpcLoop(state, [](XPCProxy<BenchProtocol> proxy) { return proxy.call(Ping{}); });
 }
-BENCHMARK(BM_XPCEmptyCall)->UseRealTime();
+BENCHMARK(BM_XPCEmptyCall)->Apply(withExtremes)->UseRealTime();
 
 Async<void> echoOnce(XPCProxy<BenchProtocol> proxy) {
   std::string echoed = co_await proxy.call(Echo{}, kPayload);
@@ -204,7 +215,7 @@ Async<void> echoOnce(XPCProxy<BenchProtocol> proxy) {
 void BM_XPCCall64(benchmark::State& state) {
   xpcLoop(state, echoOnce);
 }
-BENCHMARK(BM_XPCCall64)->UseRealTime();
+BENCHMARK(BM_XPCCall64)->Apply(withExtremes)->UseRealTime();
 
 // ---- throughput ----
 
@@ -238,7 +249,10 @@ void BM_XPCPipelined64InFlight(benchmark::State& state) {
   connection->invalidate();
   std::filesystem::remove_all(folder);
 }
-BENCHMARK(BM_XPCPipelined64InFlight)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_XPCPipelined64InFlight)
+    ->Apply(withExtremes)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void BM_RawSeqpacketOneWay64(benchmark::State& state) {
   const std::string folder = temporaryFolder();
@@ -259,7 +273,10 @@ void BM_RawSeqpacketOneWay64(benchmark::State& state) {
   ::close(fd);
   std::filesystem::remove_all(folder);
 }
-BENCHMARK(BM_RawSeqpacketOneWay64)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RawSeqpacketOneWay64)
+    ->Apply(withExtremes)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 // ---- checking and decoding one received call ----
 
@@ -277,7 +294,7 @@ void BM_CheckAndDecodeCall64(benchmark::State& state) {
     benchmark::DoNotOptimize(text.data());
   }
 }
-BENCHMARK(BM_CheckAndDecodeCall64);
+BENCHMARK(BM_CheckAndDecodeCall64)->Apply(withExtremes);
 
 // The baseline: nlohmann's CBOR reader alone on the same bytes, no checks.
 void BM_FromCBORCall64(benchmark::State& state) {
@@ -287,12 +304,49 @@ void BM_FromCBORCall64(benchmark::State& state) {
     benchmark::DoNotOptimize(json.size());
   }
 }
-BENCHMARK(BM_FromCBORCall64);
+BENCHMARK(BM_FromCBORCall64)->Apply(withExtremes);
+
+// `--fixed-calls pipelined|serial N`: N calls and nothing else (no benchmark framework, no
+// estimation runs), so that `perf stat` of the whole program counts system calls, context
+// switches and CPU time per call.
+[[noreturn]] void fixedCalls(const std::string& mode, int count) {
+  const std::string folder = temporaryFolder();
+  BenchConnection::directory = folder;
+  {
+    Peer peer({"bench", "--serve", folder});
+    auto connection = makeConnection<BenchConnection>();
+    auto proxy = proxyFromConnection<BenchConnection>(connection);
+    const bool pipelined = mode == "pipelined";
+    runMain([proxy, pipelined, count]() -> Async<void> {
+      if (!pipelined) {
+        for (int index = 0; index < count; ++index) co_await echoOnce(proxy);
+        co_return;
+      }
+      auto body = [proxy, count](ThrowingTaskGroup<void>& group) -> Async<void> {
+        for (int lane = 0; lane < kInFlight; ++lane) {
+          group.addTask([proxy, count]() -> Async<void> {
+            for (int index = 0; index < count / kInFlight; ++index) co_await echoOnce(proxy);
+          });
+        }
+        while (co_await group.next()) {
+        }
+      };
+      co_await withThrowingTaskGroup<void>(body);
+    });
+    connection->invalidate();
+  }
+  std::filesystem::remove_all(folder);
+  std::exit(0);
+}
 
 }  // namespace
 }  // namespace carrow
 
 int main(int argc, char** argv) {
+  if (argc == 4 && std::strcmp(argv[1], "--fixed-calls") == 0) {
+    carrow::CRLog::setLogger(std::make_shared<carrow::QuietLogger>());
+    carrow::fixedCalls(argv[2], std::atoi(argv[3]));
+  }
   carrow::CRLog::setLogger(std::make_shared<carrow::QuietLogger>());
   if (argc == 3 && std::strcmp(argv[1], "--serve") == 0) carrow::serveXPC(argv[2]);
   if (argc == 3 && std::strcmp(argv[1], "--raw-echo") == 0) carrow::serveRawEcho(argv[2]);

@@ -1,6 +1,5 @@
 #include <atomic>
 #include <cerrno>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <sys/epoll.h>
@@ -21,6 +20,7 @@
 #include "../platform/reactor.h"
 #include "../platform/seqpacket.h"
 #include "connection_core.h"
+#include "connection_socket.h"
 
 namespace carrow {
 
@@ -43,38 +43,6 @@ constexpr std::uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
 constexpr int kBatchesPerWake = 64 / static_cast<int>(platform::ReceiveBatch::kSlots);
 
 }  // namespace
-
-// ---- The socket as the reactor sees it ----
-
-class XPCConnection::Core::Socket final : public platform::ReactorWatcher {
- public:
-  Socket(platform::FileDescriptor fd, std::shared_ptr<XPCConnection> owner)
-      : fd_(std::move(fd)), owner_(std::move(owner)) {}
-
-  int fd() const noexcept { return fd_.get(); }
-  std::uint64_t token = 0;
-
-  void onEvents(std::uint32_t events) noexcept override {
-    std::shared_ptr<XPCConnection> owner;
-    {
-      std::lock_guard guard(ownerMutex_);
-      owner = owner_;
-    }
-    if (owner) owner->core_->handleEvents(*owner, *this, events);
-  }
-
-  // Breaks the cycle between the connection and its registered socket.
-  void detach() noexcept {
-    std::shared_ptr<XPCConnection> dropped;
-    std::lock_guard guard(ownerMutex_);
-    dropped = std::move(owner_);
-  }
-
- private:
-  platform::FileDescriptor fd_;
-  std::mutex ownerMutex_;
-  std::shared_ptr<XPCConnection> owner_;
-};
 
 XPCConnection::XPCConnection(std::unique_ptr<Core> core) : core_(std::move(core)) {}
 
@@ -180,8 +148,7 @@ Async<std::vector<XPCValue>> XPCConnection::sendCall(std::shared_ptr<XPCConnecti
   auto operation = [connection, call, selector = std::move(selector),
                     arguments = std::move(arguments)]() mutable -> Async<std::vector<XPCValue>> {
     auto start = [&](CheckedContinuation<std::vector<XPCValue>> continuation) {
-      connection->core_->startCall(*connection, *call, std::move(selector), std::move(arguments),
-                                   std::move(continuation));
+      Core::startCall(connection, call, selector, arguments, std::move(continuation));
     };
     co_return co_await withCheckedThrowingContinuation<std::vector<XPCValue>>("XPC call", start);
   };
@@ -189,10 +156,12 @@ Async<std::vector<XPCValue>> XPCConnection::sendCall(std::shared_ptr<XPCConnecti
   co_return co_await withTaskCancellationHandler(std::move(operation), std::move(onCancel));
 }
 
-void XPCConnection::Core::startCall(XPCConnection& self, CallState& call, std::string selector,
-                                    std::vector<XPCValue> arguments,
+void XPCConnection::Core::startCall(std::shared_ptr<XPCConnection> self,
+                                    std::shared_ptr<CallState> call, std::string& selector,
+                                    std::vector<XPCValue>& arguments,
                                     CheckedContinuation<std::vector<XPCValue>> continuation) {
-  const std::uint64_t id = nextCallID.fetch_add(1, std::memory_order_relaxed) + 1;
+  Core& core = *self->core_;
+  const std::uint64_t id = core.nextCallID.fetch_add(1, std::memory_order_relaxed) + 1;
   std::vector<std::uint8_t> message;
   try {
     message = xpc::encodeCall(id, selector, std::move(arguments));
@@ -206,63 +175,99 @@ void XPCConnection::Core::startCall(XPCConnection& self, CallState& call, std::s
     continuation.resumeThrowing(std::current_exception());
     return;
   }
-  std::lock_guard guard(mutex);
-  if (call.cancelled) {
-    continuation.resumeThrowing(CancellationError());
-    return;
-  }
-  if (phase == Phase::invalidated) {
-    continuation.resumeThrowing(posixError(ECONNABORTED, "XPC connection invalidated"));
-    return;
-  }
-  if (phase == Phase::created) {
-    continuation.resumeThrowing(posixError(ENOTCONN, "XPC connection not resumed"));
-    return;
-  }
-  // Registered first: if connecting ends the connection, the call fails with the others, after
-  // the handler has run.
-  call.id = id;
-  pending.emplace(id, Pending{selector, continuation, 0});
-  try {
-    ensureConnectedLocked(self);
-    pending.at(id).generation = generation;
-    sendLocked(message);
-  } catch (const std::system_error& error) {
-    // A peer that has just closed: the reading side learns why (a reject, or the end) and ends
-    // the call with the connection.
-    const int code = error.code().value();
-    if ((code == EPIPE || code == ECONNRESET) && socket) return;
-    auto found = pending.find(id);
-    if (found != pending.end()) {
-      pending.erase(found);
-      continuation.resumeThrowing(std::current_exception());
+  std::exception_ptr refused;
+  std::shared_ptr<Socket> target;
+  {
+    std::lock_guard guard(core.mutex);
+    if (call->cancelled) {
+      refused = std::make_exception_ptr(CancellationError());
+    } else if (core.phase == Phase::invalidated) {
+      refused = posixError(ECONNABORTED, "XPC connection invalidated");
+    } else if (core.phase == Phase::created) {
+      refused = posixError(ENOTCONN, "XPC connection not resumed");
+    } else {
+      // Registered first: if connecting ends the connection, the call fails with the others,
+      // after the handler has run.
+      call->id = id;
+      auto& entry =
+          core.pending.emplace(id, Pending{std::move(selector), continuation, 0}).first->second;
+      try {
+        core.ensureConnectedLocked(*self);
+        entry.generation = core.generation;
+        target = core.socket;
+      } catch (...) {
+        refused = std::current_exception();
+      }
     }
-  } catch (...) {
-    auto found = pending.find(id);
-    if (found != pending.end()) {
-      pending.erase(found);
-      continuation.resumeThrowing(std::current_exception());
+  }
+  if (!refused) {
+    try {
+      // Written at once: the caller's thread has nothing else to do for this call, and a
+      // job to write it would cost a hand-off (often a wake-up) on every round trip. A socket
+      // closed meanwhile took the call with it: it has failed with the connection.
+      if (!target->send(message)) return;
+      if (call->sendState.exchange(CallState::sent) == CallState::cancelWanted) {
+        target->send(xpc::encodeCancel(id));
+      }
+      return;
+    } catch (const std::system_error& error) {
+      // A peer that has just closed: the reading side learns why (a reject, or the end) and ends
+      // the call with the connection.
+      const int code = error.code().value();
+      if (code == EPIPE || code == ECONNRESET) return;
+      refused = std::current_exception();
+    } catch (...) {
+      refused = std::current_exception();
     }
+  }
+  std::optional<Pending> taken;
+  bool registered = false;
+  {
+    std::lock_guard guard(core.mutex);
+    registered = call->id == id;
+    if (registered) taken = core.takePendingLocked(id);
+  }
+  // Failed before it was registered: this continuation is the only one. Once registered, the
+  // entry holds the one claim on it, and a connection that ended took it already.
+  if (!registered) {
+    continuation.resumeThrowing(refused);
+  } else if (taken) {
+    taken->continuation.resumeThrowing(refused);
   }
 }
 
-void XPCConnection::Core::cancelCall(CallState& call) noexcept {
-  std::lock_guard guard(mutex);
-  call.cancelled = true;
-  if (call.id == 0) return;
-  auto found = pending.find(call.id);
-  if (found == pending.end()) return;
-  auto continuation = std::move(found->second.continuation);
-  const bool sameSocket = found->second.generation == generation;
+std::optional<XPCConnection::Core::Pending> XPCConnection::Core::takePendingLocked(
+    std::uint64_t id) {
+  auto found = pending.find(id);
+  if (found == pending.end()) return std::nullopt;
+  std::optional<Pending> taken(std::move(found->second));
   pending.erase(found);
-  if (sameSocket && socket) {
-    try {
-      sendLocked(xpc::encodeCancel(call.id));
-    } catch (...) {
-      // The peer is gone; its end of the call ends with the connection.
+  return taken;
+}
+
+void XPCConnection::Core::cancelCall(CallState& call) noexcept {
+  std::optional<Pending> taken;
+  std::shared_ptr<Socket> target;
+  {
+    std::lock_guard guard(mutex);
+    call.cancelled = true;
+    if (call.id == 0) return;
+    taken = takePendingLocked(call.id);
+    if (!taken) return;
+    if (taken->generation == generation) target = socket;
+  }
+  if (target) {
+    auto expected = CallState::unsent;
+    // Still being written: its sender writes the cancel after it.
+    if (!call.sendState.compare_exchange_strong(expected, CallState::cancelWanted)) {
+      try {
+        target->send(xpc::encodeCancel(call.id));
+      } catch (...) {
+        // The peer is gone; its end of the call ends with the connection.
+      }
     }
   }
-  continuation.resumeThrowing(CancellationError());
+  taken->continuation.resumeThrowing(CancellationError());
 }
 
 void XPCConnection::Core::ensureConnectedLocked(XPCConnection& self) {
@@ -296,30 +301,16 @@ void XPCConnection::Core::ensureConnectedLocked(XPCConnection& self) {
 }
 
 void XPCConnection::Core::sendLocked(const std::vector<std::uint8_t>& message) {
-  if (!socket) throw std::system_error(ENOTCONN, std::generic_category(), "not connected");
-  if (sendQueue.empty()) {
-    if (platform::sendMessage(socket->fd(), message) == platform::SendOutcome::sent) return;
-    platform::Reactor::shared().modify(socket->token, socket->fd(), kReadEvents | EPOLLOUT);
-  } else if (message.size() > platform::kMaxSeqpacketMessage) {
-    throw std::system_error(EMSGSIZE, std::generic_category(), "message over the limit");
+  if (!socket || !socket->send(message)) {
+    throw std::system_error(ENOTCONN, std::generic_category(), "not connected");
   }
-  sendQueue.push_back(message);
-}
-
-void XPCConnection::Core::flushLocked() {
-  while (socket && !sendQueue.empty()) {
-    if (platform::sendMessage(socket->fd(), sendQueue.front()) != platform::SendOutcome::sent) {
-      return;
-    }
-    sendQueue.pop_front();
-  }
-  if (socket) platform::Reactor::shared().modify(socket->token, socket->fd(), kReadEvents);
 }
 
 // ---- Endings ----
 
 void XPCConnection::Core::closeSocketLocked() {
   if (!socket) return;
+  socket->close();
   platform::Reactor::shared().remove(socket->token, socket->fd());
   // Closing a Unix socket with unread messages makes the peer's next read fail with ECONNRESET
   // before it has read what was sent to it (a reject, the last replies): read them away first.
@@ -338,7 +329,6 @@ void XPCConnection::Core::closeSocketLocked() {
   }
   socket->detach();
   socket.reset();
-  sendQueue.clear();
 }
 
 void XPCConnection::Core::endLocked(std::function<void()> handler, int code, std::string what,
@@ -381,20 +371,28 @@ void XPCConnection::Core::invalidateLocked(int code, const std::string& what) {
 // ---- Received messages (reactor thread) ----
 
 void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std::uint32_t events) {
-  {
-    std::lock_guard guard(mutex);
-    if (socket.get() != &source) return;  // a late event for a socket already closed
-    if (events & EPOLLOUT) {
-      try {
-        flushLocked();
-      } catch (...) {
-        interruptLocked();
-        return;
-      }
+  if (events & EPOLLOUT) {
+    try {
+      source.flush();
+    } catch (...) {
+      writeFailed(source);
+      return;
     }
   }
   bool closed = false;
   if (events & (EPOLLIN | EPOLLHUP | EPOLLRDHUP | EPOLLERR)) {
+    // The interfaces are kept alive by these copies while the messages of this wake-up are
+    // checked; they are set before the connection resumes, so one look serves them all.
+    std::shared_ptr<const XPCInterface> exportedCopy, remoteCopy;
+    {
+      std::lock_guard guard(mutex);
+      if (socket.get() != &source) return;  // a late event for a socket already closed
+      exportedCopy = exported;
+      remoteCopy = remote;
+    }
+    xpc::FrameContext context;
+    context.exported = exportedCopy.get();
+    context.remote = remoteCopy.get();
     // Only the reactor thread reads, so one batch serves every connection of the process.
     thread_local platform::ReceiveBatch batch;
     for (int round = 0; round < kBatchesPerWake; ++round) {
@@ -416,14 +414,15 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
                                     + std::to_string(platform::kMaxSeqpacketMessage) + " bytes");
           return;
         }
-        if (!handleMessage(self, source, batch.message(index))) return;
+        if (!handleMessage(self, source, batch.message(index), context)) return;
       }
       if (batch.peerClosed()) {
         closed = true;
         break;
       }
-      // A short batch does not prove the socket empty for long: keep reading until it says so,
-      // as the single-message reads did (stopping early saved no measurable time).
+      // A short batch emptied the socket: the read that would only say so is left out. The
+      // watch is level-triggered, so what arrives meanwhile wakes the reactor again.
+      if (batch.count() < platform::ReceiveBatch::kSlots) break;
     }
   }
   if (closed) {
@@ -432,35 +431,62 @@ void XPCConnection::Core::handleEvents(XPCConnection& self, Socket& source, std:
   }
 }
 
-void XPCConnection::Core::protocolError(Socket& source, const std::string& problem) {
-  CRLog::error("XPC", problem);
+void XPCConnection::Core::writeFailed(Socket& source) noexcept {
   std::lock_guard guard(mutex);
-  if (socket.get() != &source) return;
-  invalidateLocked(EBADMSG, problem);
+  if (socket.get() == &source) interruptLocked();
+}
+
+void XPCConnection::Core::protocolError(Socket& source, const std::string& problem,
+                                        std::optional<std::pair<std::uint64_t, Pending>> taken) {
+  CRLog::error("XPC", problem);
+  std::optional<Pending> orphan;
+  {
+    std::lock_guard guard(mutex);
+    if (socket.get() == &source) {
+      if (taken) pending.emplace(taken->first, std::move(taken->second));
+      invalidateLocked(EBADMSG, problem);
+    } else if (taken) {
+      orphan = std::move(taken->second);
+    }
+  }
+  // A socket closed meanwhile has ended the other calls already.
+  if (orphan) orphan->continuation.resumeThrowing(posixError(EBADMSG, problem));
 }
 
 bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
-                                        std::span<const std::uint8_t> bytes) {
-  xpc::FrameContext context;
-  // The interfaces are kept alive by these copies while the pass runs.
-  std::shared_ptr<const XPCInterface> exportedCopy, remoteCopy;
-  {
-    std::lock_guard guard(mutex);
-    if (socket.get() != &source) return false;
-    exportedCopy = exported;
-    remoteCopy = remote;
-  }
-  context.exported = exportedCopy.get();
-  context.remote = remoteCopy.get();
-  context.pendingSelector = [this](std::uint64_t id) -> std::optional<std::string> {
-    std::lock_guard guard(mutex);
-    auto found = pending.find(id);
-    if (found == pending.end()) return std::nullopt;
-    return found->second.selector;
+                                        std::span<const std::uint8_t> bytes,
+                                        xpc::FrameContext& context) {
+  // A reply's pending call is taken off the books as the checking pass asks for its selector:
+  // that one look under the lock is all a reply costs it.
+  struct Lookup {
+    Core& core;
+    Socket& source;
+    std::optional<Pending> taken;
+    std::uint64_t takenID = 0;
+    bool stale = false;
+  } lookup{*this, source, std::nullopt};
+  auto& taken = lookup.taken;
+  // One pointer: small enough for std::function to hold without allocating.
+  context.pendingSelector = [found = &lookup](std::uint64_t id) -> std::optional<std::string> {
+    std::lock_guard guard(found->core.mutex);
+    if (found->core.socket.get() != &found->source) {
+      found->stale = true;
+      return std::nullopt;
+    }
+    found->taken = found->core.takePendingLocked(id);
+    if (!found->taken) return std::nullopt;
+    found->takenID = id;
+    return found->taken->selector;
   };
   const auto checked = xpc::checkFrame(bytes, context);
+  context.pendingSelector = nullptr;
+  if (lookup.stale) return false;
+  auto giveBack = [&]() -> std::optional<std::pair<std::uint64_t, Pending>> {
+    if (!taken) return std::nullopt;
+    return std::make_pair(lookup.takenID, std::move(*taken));
+  };
   if (checked.verdict == xpc::CheckResult::Verdict::malformed) {
-    protocolError(source, "Malformed XPC message: " + checked.problem);
+    protocolError(source, "Malformed XPC message: " + checked.problem, giveBack());
     return false;
   }
   if (checked.verdict == xpc::CheckResult::Verdict::disallowed) {
@@ -470,23 +496,45 @@ bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
                              + (violation.ofReply ? "reply " : "") + "argument "
                              + std::to_string(violation.argumentIndex);
     CRLog::error("XPC", what);
-    std::lock_guard guard(mutex);
-    if (checked.kind == xpc::FrameKind::call && checked.id != 0 && socket.get() == &source) {
+    if (checked.kind == xpc::FrameKind::call && checked.id != 0) {
+      std::shared_ptr<Socket> target;
+      {
+        std::lock_guard guard(mutex);
+        if (socket.get() == &source) target = socket;
+      }
       try {
-        sendLocked(xpc::encodeError(checked.id, DomainError::kPOSIXDomain, EACCES));
+        if (target) target->send(xpc::encodeError(checked.id, DomainError::kPOSIXDomain, EACCES));
       } catch (...) {
       }
-    } else if (checked.kind == xpc::FrameKind::reply) {
-      auto found = pending.find(checked.id);
-      if (found != pending.end()) {
-        auto continuation = std::move(found->second.continuation);
-        pending.erase(found);
-        continuation.resumeThrowing(posixError(EACCES, what));
-      }
+    } else if (taken) {
+      taken->continuation.resumeThrowing(posixError(EACCES, what));
     }
     return true;
   }
-  xpc::Frame frame = xpc::decodeFrame(bytes);
+  xpc::Frame frame;
+  try {
+    frame = xpc::decodeFrame(bytes);
+  } catch (const std::exception& error) {
+    // The pass accepted it, so this is not expected; still, a reader's surprise ends this
+    // connection only.
+    protocolError(source, std::string("Malformed XPC message: ") + error.what(), giveBack());
+    return false;
+  }
+  if (frame.kind == xpc::FrameKind::reply || frame.kind == xpc::FrameKind::error) {
+    if (!taken) {
+      std::lock_guard guard(mutex);
+      if (socket.get() != &source) return false;
+      taken = takePendingLocked(frame.id);
+    }
+    if (!taken) return true;  // cancelled meanwhile
+    if (frame.kind == xpc::FrameKind::reply) {
+      taken->continuation.resume(std::move(frame.values));
+    } else {
+      taken->continuation.resumeThrowing(
+          DomainError::toException(DomainError(frame.text, frame.number)));
+    }
+    return true;
+  }
   std::lock_guard guard(mutex);
   if (socket.get() != &source) return false;
   switch (frame.kind) {
@@ -505,19 +553,8 @@ bool XPCConnection::Core::handleMessage(XPCConnection& self, Socket& source,
       startRequestLocked(self, frame);
       return true;
     case xpc::FrameKind::reply:
-    case xpc::FrameKind::error: {
-      auto found = pending.find(frame.id);
-      if (found == pending.end()) return true;  // cancelled meanwhile
-      auto continuation = std::move(found->second.continuation);
-      pending.erase(found);
-      if (frame.kind == xpc::FrameKind::reply) {
-        continuation.resume(std::move(frame.values));
-      } else {
-        continuation.resumeThrowing(
-            DomainError::toException(DomainError(frame.text, frame.number)));
-      }
-      return true;
-    }
+    case xpc::FrameKind::error:
+      return true;  // handled above
     case xpc::FrameKind::cancel: {
       const std::uint64_t id = frame.id;
       auto weak = self.weak_from_this();
@@ -568,15 +605,12 @@ bool XPCConnection::Core::greetLocked(const xpc::Frame& hello) {
 void XPCConnection::Core::startRequestLocked(XPCConnection& self, xpc::Frame& frame) {
   auto connection = self.shared_from_this();
   const std::uint64_t id = frame.id;
-  const std::uint64_t servedGeneration = generation;
   auto request = std::make_shared<Request>(
-      Request{id, std::move(frame.text), std::move(frame.values), peer, servedGeneration});
+      Request{id, std::move(frame.text), std::move(frame.values), peer, socket});
   // Started right on the serial executor, from here: one queueing (one worker woken) per request
   // rather than a post, a start on the global executor and a hop back. The serial executor keeps
   // the requests, the handlers and the cancellations of this connection in arrival order.
-  auto body = [connection, request]() -> Async<void> {
-    co_await serveRequest(connection, request);
-  };
+  auto body = [connection, request] { return serveRequest(connection, request); };
   auto task = detail::startTaskOn<void>(queue->executor(), std::move(body));
   // Under the lock, so a cancellation (or the reply, which erases it) finds it registered.
   if (id != 0) serving.insert_or_assign(id, std::move(task));
@@ -607,20 +641,30 @@ Async<void> XPCConnection::Core::serveRequest(std::shared_ptr<XPCConnection> con
     }
   }
   object.reset();
-  std::lock_guard guard(core.mutex);
-  core.serving.erase(request->id);
-  if (request->id == 0 || !core.socket || core.generation != request->generation) co_return;
+  if (request->id == 0) co_return;
+  {
+    std::lock_guard guard(core.mutex);
+    core.serving.erase(request->id);
+  }
+  // The socket the call came on, if the connection still has it: a closed socket refuses the
+  // reply, so nothing meant for it reaches a later one.
+  auto target = request->socket.lock();
+  if (!target) co_return;
   try {
+    std::vector<std::uint8_t> message;
     if (failure) {
-      core.sendLocked(xpc::encodeError(request->id, failure->domain(), failure->code()));
+      message = xpc::encodeError(request->id, failure->domain(), failure->code());
     } else {
-      auto message = xpc::encodeReply(request->id, std::move(reply));
+      message = xpc::encodeReply(request->id, std::move(reply));
       if (message.size() > platform::kMaxSeqpacketMessage) {
         CRLog::error("XPC", "The reply to " + request->selector + " is over the size limit");
         message = xpc::encodeError(request->id, DomainError::kPOSIXDomain, EMSGSIZE);
       }
-      core.sendLocked(message);
     }
+    // Written at once, by this worker: a job that gathered the replies of the requests queued
+    // behind this one into one `sendmmsg` saved system calls but, by sending them in bursts,
+    // made both readers sleep and wake more often, and lost throughput.
+    target->send(message);
   } catch (const std::exception& error) {
     CRLog::error("XPC", std::string("Couldn't send an XPC reply: ") + error.what());
   }
