@@ -69,8 +69,9 @@ class CombineLatestStorage
   using UpstreamContinuation = typename StateMachine::UpstreamContinuation;
   using ProducedElement = typename StateMachine::ProducedElement;
 
-  // Carries an action out, always with the lock released; the consumer receives a tuple or an
-  // error.
+  // Carries an action out; the consumer receives a tuple or an error. Unlike the merge, most
+  // events carry theirs out inside the locked region: resuming a continuation only schedules its
+  // task, so it cannot come back for the lock.
   template <class Action>
   static void perform(Action& action) noexcept {
     auto deliver = [](typename StateMachine::ResumeContinuation& delivery) {

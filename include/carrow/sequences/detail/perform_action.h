@@ -9,9 +9,10 @@
 
 namespace carrow::detail {
 
-/// Carries out `action`, an action variant of `StateMachine` (the merge's or combine-latest's),
-/// with the storage's lock released. The cases both machines share are handled here; `deliver`
-/// handles the one that hands the consumer what it waited for, which differs between them.
+/// Carries out `action`, an action variant of `StateMachine` (the merge's or combine-latest's);
+/// each storage decides whether that happens inside its locked region. The cases both machines
+/// share are handled here; `deliver` handles the one that hands the consumer what it waited for,
+/// which differs between them.
 /// Composite actions resume the children first, then cancel the task, then resume the consumer.
 template <class StateMachine, class Action, class Deliver>
 void performAction(Action& action, Deliver deliver) noexcept {
