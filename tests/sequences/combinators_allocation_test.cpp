@@ -36,15 +36,22 @@ Async<long> countElements(Sequence sequence) {
 }
 
 // Allocations made while `combine` of two ranges of `perUpstream` elements is read to the end.
+// The counter sees the whole process, and the reading task of a previous run may still be
+// winding down on a worker while a run is counted (it makes the errors that stop its children),
+// which can only add to a count: the least of three runs is the run's own.
 template <class Combine>
 long allocationsToRead(int perUpstream, Combine combine) {
   const Ints first = numbers(perUpstream);
   const Ints second = numbers(perUpstream);
-  long count = 0;
-  const long allocated = allocationsDuring(
-      [&] { count = runMain([&] { return countElements(combine(first, second)); }); });
-  EXPECT_GE(count, perUpstream);
-  return allocated;
+  long least = -1;
+  for (int run = 0; run < 3; ++run) {
+    long count = 0;
+    const long allocated = allocationsDuring(
+        [&] { count = runMain([&] { return countElements(combine(first, second)); }); });
+    EXPECT_GE(count, perUpstream);
+    if (least < 0 || allocated < least) least = allocated;
+  }
+  return least;
 }
 
 TEST(CombinatorsAllocation, ReadingMoreElementsAllocatesNoMore) {
