@@ -1,4 +1,7 @@
 #include <array>
+#include <optional>
+#include <span>
+#include <string>
 #include <string_view>
 
 #include "frame.h"
@@ -251,6 +254,52 @@ class Checker {
   std::size_t expectedPositions_ = kIndefinite;
 };
 
+// nlohmann's reader joins a string sent in chunks by recursing into each chunk, and a chunk may
+// itself be chunked: a long run of chunk heads overflows the stack before any callback of ours
+// can object. So a walk over the heads alone, with a stack of its own, goes first: it refuses
+// every indefinite length (this library never writes one), reserved heads, tags, nesting past the
+// limit and lengths past the end, and only then does that reader see the bytes.
+std::optional<std::string> headProblem(std::span<const std::uint8_t> bytes,
+                                       const FrameLimits& limits) {
+  std::array<std::uint64_t, 64> itemsLeft{};  // in each open array or map
+  std::size_t depth = 0;
+  std::size_t position = 0;
+  do {
+    if (position == bytes.size()) return "a truncated message";
+    const std::uint8_t major = bytes[position] >> 5;
+    const std::uint8_t info = bytes[position] & 0x1F;
+    ++position;
+    if (info == 31) return "an indefinite length";
+    if (info > 27) return "a reserved CBOR head";
+    if (major == 6) return "a CBOR tag";
+    std::uint64_t value = info;
+    if (info >= 24) {
+      const std::size_t width = std::size_t{1} << (info - 24);
+      if (bytes.size() - position < width) return "a truncated message";
+      value = 0;
+      for (std::size_t index = 0; index < width; ++index) value = (value << 8) | bytes[position++];
+    }
+    const std::uint64_t left = bytes.size() - position;
+    if (major == 2 || major == 3) {
+      if (value > left) return "a length past the end of the message";
+      position += value;
+    } else if (major == 4 || major == 5) {
+      // Every item takes at least a byte, so a count past the end cannot be met.
+      if (value > left) return "a declared count of " + std::to_string(value) + " is too large";
+      if (value > 0) {
+        if (depth == limits.maxDepth || depth == itemsLeft.size())
+          return "nesting deeper than the limit";
+        itemsLeft[depth++] = major == 5 ? 2 * value : value;
+        continue;
+      }
+    }
+    // One whole item: count it off the containers it closes.
+    while (depth > 0 && --itemsLeft[depth - 1] == 0) --depth;
+  } while (depth > 0);
+  if (position != bytes.size()) return "bytes after the message";
+  return std::nullopt;
+}
+
 }  // namespace
 
 bool isValidUTF8(std::string_view text) noexcept {
@@ -290,6 +339,12 @@ bool isValidUTF8(std::string_view text) noexcept {
 CheckResult checkFrame(std::span<const std::uint8_t> bytes, const FrameContext& context) {
   Checker checker(bytes.size(), context);
   if (bytes.empty()) return checker.finish(false);
+  if (auto problem = headProblem(bytes, context.limits)) {
+    CheckResult result;
+    result.verdict = Verdict::malformed;
+    result.problem = std::move(*problem);
+    return result;
+  }
   // Tags are refused by the reader itself (its default tag handler reports them as errors).
   const bool parsed = nlohmann::json::sax_parse(bytes.begin(), bytes.end(), &checker,
                                                 nlohmann::json::input_format_t::cbor, true);
