@@ -78,10 +78,10 @@ struct CheckResult {
   std::optional<ClassViolation> violation;
 };
 
-/// The checking pass: one SAX walk over `bytes` that enforces the limits (depth, counts, sizes),
-/// valid UTF-8 in every text, no CBOR tags, no indefinite lengths, the shape of each kind of
-/// message, and the classes of every argument or reply value against the allow-lists. Builds
-/// nothing and decodes no value.
+/// The checking pass: a walk over the CBOR heads (no indefinite lengths or tags, depth and lengths
+/// within bounds), then one SAX walk over `bytes` that enforces the limits (depth, counts, sizes),
+/// valid UTF-8 in every text, the shape of each kind of message, and the classes of every
+/// argument or reply value against the allow-lists. Builds nothing and decodes no value.
 CheckResult checkFrame(std::span<const std::uint8_t> bytes, const FrameContext& context);
 
 /// True when `text` is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
