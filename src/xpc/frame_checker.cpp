@@ -25,7 +25,8 @@ struct Level {
   std::size_t index;
 };
 
-constexpr std::size_t kIndefinite = static_cast<std::size_t>(-1);
+// No count of values is expected: a late reply, checked for shape only.
+constexpr std::size_t kAnyCount = static_cast<std::size_t>(-1);
 
 // The length of each kind of message.
 constexpr std::array<std::size_t, 6> kArity = {3, 2, 4, 3, 4, 2};
@@ -35,7 +36,7 @@ class Checker {
  public:
   using json = nlohmann::json;
 
-  Checker(std::size_t size, const FrameContext& context) : size_(size), context_(context) {}
+  explicit Checker(const FrameContext& context) : context_(context) {}
 
   CheckResult finish(bool parsed) {
     if (!parsed && result_.problem.empty()) result_.problem = "ill-formed CBOR";
@@ -105,8 +106,8 @@ class Checker {
   }
 
   bool open(Role role, std::size_t count) {
-    if (count == kIndefinite) return fail("an indefinite length");
-    if (count > context_.limits.maxContainerCount || count > size_) {
+    // The walk over the heads has refused indefinite lengths and counts past the end already.
+    if (count > context_.limits.maxContainerCount) {
       return fail("a declared count of " + std::to_string(count) + " is too large");
     }
     if (depth_ >= context_.limits.maxDepth || depth_ >= stack_.size())
@@ -114,8 +115,7 @@ class Checker {
     if (role == Role::top && (count < 2 || count > 4)) return fail("a message of the wrong length");
     if (role == Role::pair && count != 2)
       return fail("a value without exactly a class and a value");
-    if (role == Role::positions && expectedPositions_ != kIndefinite
-        && count != expectedPositions_) {
+    if (role == Role::positions && expectedPositions_ != kAnyCount && count != expectedPositions_) {
       return fail("the wrong number of values for " + result_.selector);
     }
     stack_[depth_++] = Level{role, count, 0};
@@ -239,7 +239,6 @@ class Checker {
     return true;
   }
 
-  std::size_t size_;
   const FrameContext& context_;
   CheckResult result_;
   std::array<Level, 64> stack_{};
@@ -251,7 +250,7 @@ class Checker {
   const XPCMethodDescription* method_ = nullptr;
   const XPCInterface* interface_ = nullptr;
   bool ofReply_ = false;
-  std::size_t expectedPositions_ = kIndefinite;
+  std::size_t expectedPositions_ = kAnyCount;
 };
 
 // nlohmann's reader joins a string sent in chunks by recursing into each chunk, and a chunk may
@@ -337,7 +336,7 @@ bool isValidUTF8(std::string_view text) noexcept {
 }
 
 CheckResult checkFrame(std::span<const std::uint8_t> bytes, const FrameContext& context) {
-  Checker checker(bytes.size(), context);
+  Checker checker(context);
   if (bytes.empty()) return checker.finish(false);
   if (auto problem = headProblem(bytes, context.limits)) {
     CheckResult result;
@@ -345,7 +344,6 @@ CheckResult checkFrame(std::span<const std::uint8_t> bytes, const FrameContext& 
     result.problem = std::move(*problem);
     return result;
   }
-  // Tags are refused by the reader itself (its default tag handler reports them as errors).
   const bool parsed = nlohmann::json::sax_parse(bytes.begin(), bytes.end(), &checker,
                                                 nlohmann::json::input_format_t::cbor, true);
   return checker.finish(parsed);
